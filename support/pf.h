@@ -4,7 +4,7 @@
 //   # a comment runs from '#' to the end of the line (outside quotes)
 //   default {                  a block: a name, then '{' last on the line
 //       baud   19200           a scalar: a name, then the rest of the line
-//       note   "a  b # c"      double quotes keep blanks and '#'; \" and \\
+//       note   "a  b # c"      quotes keep blanks and '#' (escapes: \" and \\ only)
 //       lone                   a name alone is a scalar with the empty value
 //   }                          '}' alone on its line closes the block
 //
