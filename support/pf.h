@@ -33,7 +33,7 @@ enum {
 // error, or every place tried when no file exists).
 int pfread(const char *name, Pf **pf);
 // Parses text as if read from a file called origin (used in messages).
-// Same results and messages as pfread.
+// Same results and messages as pfread (under its own name).
 int pfparse_text(const char *text, const char *origin, Pf **pf);
 // Frees a Pf returned by pfread or pfparse_text (not a nested block view).
 // Accepts nullptr.
