@@ -74,3 +74,7 @@ int uhi2mi(const std::uint32_t *values, unsigned char **cursor, int n);
     BYTEORDER_MEMBERS(v, E, H, U)
 #include "support/byteorder.def"
 #undef BYTEORDER_PAIR
+#undef BYTEORDER_MEMBERS
+#undef BYTEORDER_UNSIGNED_1
+#undef BYTEORDER_UNSIGNED_0
+#undef BYTEORDER_SIGNED

@@ -1,0 +1,210 @@
+#include "stats/taverage.h"
+
+#include <atomic>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "stats/taverage_clock.h"
+#include "support/elog.h"
+#include "support/host.h"
+
+namespace {
+
+std::atomic<double (*)(void)> clock_now{std_now};
+
+// RAII holder of a TAverage's mutex.
+struct Locked {
+    TAverage *avg;
+    explicit Locked(TAverage *a) : avg(a) { pthread_mutex_lock(&avg->mutex); }
+    ~Locked() { pthread_mutex_unlock(&avg->mutex); }
+    Locked(const Locked &) = delete;
+    Locked &operator=(const Locked &) = delete;
+};
+
+// (int) x, truncated toward zero, but saturated instead of undefined when a
+// far-off time makes the bin count overflow an int.
+int truncate_int(double x) {
+    if (x >= static_cast<double>(INT_MAX)) return INT_MAX;
+    if (x <= static_cast<double>(INT_MIN)) return INT_MIN;
+    return static_cast<int>(x);
+}
+
+// nbin doubles set to 0, or nullptr with the message registered.
+double *new_bins(int nbin) {
+    double *bins = static_cast<double *>(calloc(static_cast<size_t>(nbin), sizeof(double)));
+    if (!bins)
+        elog_log(1, "taverage_create: malloc(TAverage->bins,%d) error.\n", nbin * static_cast<int>(sizeof(double)));
+    return bins;
+}
+
+// Descending order: newest events first, empty (0) slots last.
+int newest_first(const void *a, const void *b) {
+    double x = *static_cast<const double *>(a);
+    double y = *static_cast<const double *>(b);
+    if (x > y) return -1;
+    if (y > x) return 1;
+    return 0;
+}
+
+// Grows the event slots by half plus one when all are taken; fatal when
+// the memory cannot be had (the caller holds the lock).
+void grow_events(TAverage *avg) {
+    int n = static_cast<int>(avg->nbin * 1.5) + 1;
+    double *bins = static_cast<double *>(realloc(avg->bins, static_cast<size_t>(n) * sizeof(double)));
+    if (!bins) {
+        pthread_mutex_unlock(&avg->mutex);
+        elog_die(1, "taverage_put: realloc (%d) error.\n", n * 8);
+    }
+    memset(bins + avg->nbin, 0, static_cast<size_t>(n - avg->nbin) * sizeof(double));
+    avg->bins = bins;
+    avg->nbin = n;
+}
+
+// Event mode put: store now, keep newest first, forget what left the window.
+void put_event(TAverage *avg, double now) {
+    int i = 0;
+    while (i < avg->nbin && avg->bins[i] != 0.0) i++;
+    if (i == avg->nbin) grow_events(avg);
+    avg->bins[i] = now;
+    qsort(avg->bins, static_cast<size_t>(avg->nbin), sizeof(double), newest_first);
+    // Sorted descending, so the entries this clears are the trailing ones
+    // and the array needs no second sort.
+    for (int j = 0; j < avg->nbin; j++)
+        if (now - avg->bins[j] > avg->twin) avg->bins[j] = 0.0;
+}
+
+// Adds value to the bin that holds now, when now is not past the newest bin
+// and not before the oldest.
+void add_to_bin(TAverage *avg, double now, double value) {
+    double t = avg->time - now;
+    if (t >= 0 && t / avg->tbin < avg->nbin) avg->bins[static_cast<int>(t / avg->tbin)] += value;
+}
+
+// Moves the newest bin's end forward in whole bins until it reaches now,
+// shifting the sums toward the old end and emptying the new bins.
+void advance_bins(TAverage *avg, double now) {
+    // Counted in double: after a long silence with narrow bins the count
+    // can pass the int range, and every bin is cleared then anyway.
+    double steps = std::trunc((now - avg->time) / avg->tbin) + 1;
+    avg->time += steps * avg->tbin;
+    int n = steps < avg->nbin ? static_cast<int>(steps) : avg->nbin;
+    if (n < avg->nbin) memmove(avg->bins + n, avg->bins, static_cast<size_t>(avg->nbin - n) * sizeof(double));
+    memset(avg->bins, 0, static_cast<size_t>(n) * sizeof(double));
+}
+
+// Binned put.
+void put_binned(TAverage *avg, double now, double value) {
+    if (avg->time - now < 0) advance_bins(avg, now);
+    add_to_bin(avg, now, value);
+}
+
+// Event mode get: count events in (ts, time], walking from the newest.
+void get_events(TAverage *avg, double time, double ts, double *sum) {
+    Locked lock(avg);
+    for (int i = 0; i < avg->nbin; i++) {
+        double t = avg->bins[i];
+        if (t == 0.0 || t <= ts) break;
+        if (t <= time) *sum += 1.0;
+    }
+}
+
+// Index of the bin in which the asked end falls; negative in the future.
+int end_bin(double te, double tbin) {
+    if (te >= 0) return truncate_int(te / tbin);
+    if (te > -0.001) te = -0.001;
+    return -(truncate_int((-0.001 - te) / tbin) + 1);
+}
+
+// Index of the bin in which the asked start falls; negative in the future.
+int start_bin(double tsr, double tbin) {
+    if (tsr > 0) {
+        if (tsr < 0.001) tsr = 0.001;
+        return truncate_int((tsr - 0.001) / tbin);
+    }
+    return -(truncate_int(-tsr / tbin) + 1);
+}
+
+// Binned get: the whole bins covering (ts, *time] and their sum.
+void get_binned(TAverage *avg, double *time, double *twin, double ts, double *sum) {
+    Locked lock(avg);
+    int is = end_bin(avg->time - *time, avg->tbin);
+    int ie = start_bin(avg->time - ts, avg->tbin);
+    // The bounds come from the indices before clamping, so an interval in
+    // the future still reports where it lies.
+    *time = avg->time - is * avg->tbin;
+    double start = avg->time - (ie + 1.0) * avg->tbin;
+    *twin = *time - start;
+    if (is < 0) is = 0;
+    if (ie >= avg->nbin) ie = avg->nbin - 1;
+    for (int i = is; i <= ie; i++) *sum += avg->bins[i];
+}
+
+}  // namespace
+
+void taverage_set_clock(double (*now)(void)) { clock_now.store(now ? now : std_now); }
+
+TAverage *taverage_create(double time, double tbin, int nbin) {
+    if (tbin == 0) {
+        elog_log(1, "taverage_create: tbin cannot be == 0\n");
+        return nullptr;
+    }
+    if (tbin > 0 && nbin < 1) {
+        elog_log(1, "taverage_create: nbin = %d must be > 0\n", nbin);
+        return nullptr;
+    }
+    TAverage *avg = static_cast<TAverage *>(calloc(1, sizeof(TAverage)));
+    if (!avg) {
+        elog_log(1, "taverage_create: malloc(TAverage,%d) error.\n", static_cast<int>(sizeof(TAverage)));
+        return nullptr;
+    }
+    avg->tbin = tbin;
+    avg->nbin = tbin > 0 ? nbin : (nbin < 1 ? 100 : nbin);
+    avg->bins = new_bins(avg->nbin);
+    if (!avg->bins) {
+        free(avg);
+        return nullptr;
+    }
+    // The first bin ends one width after the given start rather than on a
+    // multiple of the width, so the bins line up with the caller's start.
+    avg->twin = tbin > 0 ? tbin * nbin : time;
+    avg->time = tbin > 0 ? time + tbin : 0.0;
+    pthread_mutex_init(&avg->mutex, nullptr);
+    return avg;
+}
+
+int taverage_destroy(TAverage *avg) {
+    if (!avg) return 0;
+    // Nobody may hold the lock now; destroying it lets checking tools say so.
+    pthread_mutex_destroy(&avg->mutex);
+    free(avg->bins);
+    free(avg);
+    return 0;
+}
+
+int taverage_put(TAverage *avg, double value) {
+    Locked lock(avg);
+    double now = clock_now.load()();
+    if (avg->tbin < 0)
+        put_event(avg, now);
+    else
+        put_binned(avg, now, value);
+    return 0;
+}
+
+int taverage_get(TAverage *avg, double *time, double *twin, double *sum, double *ave) {
+    *sum = 0.0;
+    *ave = 0.0;
+    double ts = *time - *twin;
+    if (avg->tbin < 0) {
+        get_events(avg, *time, ts, sum);
+        return 0;
+    }
+    get_binned(avg, time, twin, ts, sum);
+    if (*twin != 0)
+        *ave = *sum / *twin;
+    else
+        *ave = *sum != 0 ? 1e30 : 0.0;
+    return 0;
+}
