@@ -1,0 +1,14 @@
+// Text dumps of link traffic on standard output, shared by the byte reader
+// and the modem dialogue.
+#pragma once
+
+// A printable ASCII character (space to tilde), the same set as isprint in
+// the C locale, fixed here so that no locale change alters the dumps.
+inline bool dump_printable(unsigned char c) { return c >= 0x20 && c <= 0x7e; }
+
+// "<verb> <n> bytes: " then printable bytes as themselves, newline, carriage
+// return, tab and backspace as \n \r \t \b, others nothing; newline; flush.
+void dump_escaped(const char *verb, const unsigned char *data, int n);
+// Printable bytes and newline, carriage return, tab, backspace as they are,
+// others nothing, no header; flush.
+void dump_raw(const unsigned char *data, int n);
