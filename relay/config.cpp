@@ -16,6 +16,15 @@ int myshutdown;
 
 namespace {
 
+// What parse_pf read is never freed: the parameter file, the translation
+// array and its key list stay for the life of the process. Holding them here
+// keeps them reachable, so leak checkers report real leaks only.
+struct {
+    Pf *pf;
+    Arr *xlat;
+    Tbl *keys;
+} kept;
+
 constexpr int PORT_MIN = 100;
 constexpr int PORT_MAX = 65535;
 
@@ -150,6 +159,7 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
 // host port: that order is the one of the summary and of thread start-up.
 int parse_translations(Arr *xlat, const char *tmpl, Korvane *qpr) {
     Tbl *keys = keysarr(xlat);
+    kept.keys = keys;
     if (create_port_containers(qpr) < 0) return -1;
     for (int i = 0; keys != nullptr && i < maxtbl(keys); i++) {
         const char *key = static_cast<const char *>(gettbl(keys, i));
@@ -184,8 +194,6 @@ int korvane_parse_args(int argc, char **argv, const char **template_name) {
     return 0;
 }
 
-// The parameter handles, the translation array and its key list are kept:
-// the strings stored in qpr and the ports live for the whole process.
 int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr) {
     Pf *pf = nullptr;
     Pf *pft = nullptr;
@@ -194,6 +202,7 @@ int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr) {
         elog_log(0, "parse_pf: pfread('%s') error.\n", pf_file);
         return -1;
     }
+    kept.pf = pf;
     if (parse_param(pf, template_name, PF_BLOCK, 1, &pft) < 0) {
         elog_log(0, "parse_pf: parse_param(%s) error.\n", template_name);
         return -1;
@@ -208,6 +217,7 @@ int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr) {
         elog_log(0, "parse_pf: parse_param(%s->port_translations) error.\n", template_name);
         return -1;
     }
+    kept.xlat = xlat;
     return parse_translations(xlat, template_name, qpr);
 }
 
