@@ -50,7 +50,7 @@ void apply_option(const char *arg) {
 // fails the range test), but a number too large for an int is clamped
 // instead of wrapping, so that 4294967396 can never come out as 100.
 int port_number(const char *text) {
-    long n = strtol(text, nullptr, 10);
+    long long n = strtoll(text, nullptr, 10);
     if (n > INT_MAX) return INT_MAX;
     if (n < INT_MIN) return INT_MIN;
     return static_cast<int>(n);
