@@ -81,6 +81,12 @@ unsigned short in_cksum(const unsigned short *addr, int nbytes);
 int udp_checksum(unsigned char *data_starting_at_ip_hdr, int nbytes,
                  unsigned short *ip_chksum, unsigned short *udp_chksum);
 
+// UDP checksum over the pseudo-header (addresses and protocol from ip, the
+// udp length field), the UDP header with a zero checksum, and n payload bytes
+// (at most 4076 are summed). 0 or -1.
+int udp_payload_cksum(const IPHdr *ip, const UDPHdr *udp, const unsigned char *payload, int n,
+                      unsigned short *out);
+
 // ---- Dumps (ipcodec.cpp) ----------------------------------------------------
 
 // Logs the IP header, stored checksum beside the computed one.
@@ -132,7 +138,7 @@ int slip_sendto(UDP *udp, const void *msg, size_t len, int flags,
 // Reads the link until one good packet arrives; its payload (cut to len) goes
 // to msg and its source to from. Returns the payload length, -2 on a link
 // time-out, -1 on a link failure.
-int slip_recvfrom(UDP *udp, const void *msg, size_t len, int flags,
+int slip_recvfrom(UDP *udp, void *msg, size_t len, int flags,
                   struct sockaddr *from, int *fromlen);
 // Decodes a frame held in memory and dumps its headers and bytes.
 int slip_print(unsigned char *slippkt, int nbytes);
