@@ -4,11 +4,12 @@
 #   make demo     run the relay against the datalogger simulator
 #   make asan     the suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make tsan     the suite under ThreadSanitizer
+#   make fuzz     clang libFuzzer targets, each run briefly on its seed corpus
 
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test asan tsan deps demo clean
+.PHONY: all build test asan tsan deps demo clean fuzz
 
 all: build
 
@@ -23,6 +24,7 @@ deps:
 
 test: deps build
 	ctest --test-dir build --output-on-failure -j $(JOBS)
+	$(MAKE) fuzz
 
 build-asan/build.ninja:
 	cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKORVANE_SANITIZE=address $(CMAKE_FLAGS)
@@ -40,5 +42,52 @@ tsan: deps build-tsan/build.ninja
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -LE fuzz
 
+# Only the libraries and the fuzz targets are built in this tree; the tests
+# labelled fuzz there are the timed libFuzzer runs.
+build-fuzz/build.ninja:
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DKORVANE_FUZZ=ON -DKORVANE_TESTS=ON $(CMAKE_FLAGS)
+
+fuzz: deps build-fuzz/build.ninja
+	cmake --build build-fuzz -j $(JOBS) --target korvane_fuzz_targets
+	ctest --test-dir build-fuzz --output-on-failure -j $(JOBS) -L fuzz
+
 clean:
 	rm -rf build build-asan build-tsan
+
+# Deployment (tools: scripts/deps package):
+#   make install   the relay, the tools, man pages, example parameter file and
+#                  systemd unit under PREFIX (default /usr/local); DESTDIR is
+#                  honoured: make install PREFIX=/usr DESTDIR=/tmp/stage
+#   make armhf     cross build for the ARM box: build-armhf/korvane
+#   make package   korvane_<version>_amd64.deb and _armhf.deb in build-dist/
+PREFIX ?= /usr/local
+DESTDIR ?=
+# What goes into a package is built with Debian's flags, hardening included.
+BUILDFLAGS = DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get
+PACKAGE_CMAKE = -DKORVANE_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr \
+  -DCMAKE_C_FLAGS="$$($(BUILDFLAGS) CPPFLAGS) $$($(BUILDFLAGS) CFLAGS)" \
+  -DCMAKE_CXX_FLAGS="$$($(BUILDFLAGS) CPPFLAGS) $$($(BUILDFLAGS) CXXFLAGS)" \
+  -DCMAKE_EXE_LINKER_FLAGS="$$($(BUILDFLAGS) LDFLAGS)"
+
+.PHONY: install armhf package
+
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install build --prefix "$(PREFIX)"
+
+build-armhf/build.ninja:
+	@scripts/deps package
+	export DEB_HOST_ARCH=armhf; cmake -S . -B build-armhf -G Ninja \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake $(PACKAGE_CMAKE) $(CMAKE_FLAGS)
+
+armhf: build-armhf/build.ninja
+	cmake --build build-armhf -j $(JOBS)
+
+build-pkg/build.ninja:
+	@scripts/deps package
+	cmake -S . -B build-pkg -G Ninja $(PACKAGE_CMAKE) $(CMAKE_FLAGS)
+
+package: armhf build-pkg/build.ninja
+	cmake --build build-pkg -j $(JOBS)
+	cd build-pkg && cpack -B "$(CURDIR)/build-dist"
+	cd build-armhf && cpack -B "$(CURDIR)/build-dist"
+	@ls -1 build-dist/*.deb
