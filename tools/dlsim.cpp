@@ -250,7 +250,7 @@ speed_t speed_of(long baud) {
 
 // A real line paces itself; only its speed and raw mode are set here.
 bool open_device(Sim *s) {
-    s->fd = open(s->opt.device.c_str(), O_RDWR | O_NOCTTY);
+    s->fd = open(s->opt.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);   // no wait for carrier
     if (s->fd < 0) {
         elog_complain(1, "open(%s) error.\n", s->opt.device.c_str());
         return false;
