@@ -83,5 +83,8 @@ void *korvane_run_udp_write_thread(void *arg);
 
 // Ignores SIGPIPE and SIGALRM; changes no other disposition. Returns 0.
 int korvane_setup_signals(void);
+// Creates the datalogger endpoint, queue and threads, then each port's, 1 ms
+// apart, and releases them all by setting run; ends the process on failure.
+void korvane_start(Korvane *qpr);
 // Orderly shutdown: stops and joins every thread, then exits with status 0.
 void haltbysignal(int sig);

@@ -1,4 +1,6 @@
 // korvane: relays UDP between the host's network and a datalogger on a SLIP serial line.
+#include <unistd.h>
+
 #include <cstring>
 
 #include "relay/korvane.h"
@@ -16,5 +18,12 @@ int main(int argc, char **argv) {
         elog_die(0, "Parameter file parsing error.\n");
     if (verbose != 0) korvane_print_summary(template_name, &korvane);
 
-    return 0;
+    korvane_setup_signals();
+    korvane_start(&korvane);
+
+    // No signal has a handler, so nothing should wake this.
+    for (;;) {
+        pause();
+        elog_complain(0, "Return from pause.\n");
+    }
 }

@@ -272,4 +272,24 @@ bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port) {
     return true;
 }
 
+bool wait_udp_bound(int port, int timeout_ms) {
+    char needle[16];
+    snprintf(needle, sizeof needle, ":%04X ", port);
+    long long end = now_ms() + timeout_ms;
+    do {
+        std::string table = slurp("/proc/net/udp");
+        // Only the local_address column (the second field) counts.
+        std::istringstream lines(table);
+        std::string line;
+        while (std::getline(lines, line)) {
+            std::istringstream fields(line);
+            std::string slot, local;
+            fields >> slot >> local;
+            if ((local + " ").find(needle) != std::string::npos) return true;
+        }
+        usleep(10000);
+    } while (now_ms() < end);
+    return false;
+}
+
 }  // namespace testutil

@@ -85,6 +85,10 @@ void udp_send_to(int fd, int port, const std::string &payload);
 // sender's port when from_port is given.
 bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port = nullptr);
 
+// Waits until some socket of this machine is bound to UDP port `port`
+// (read from /proc/net/udp, so the check never takes the port itself).
+bool wait_udp_bound(int port, int timeout_ms);
+
 // Milliseconds on a monotonic clock.
 long long now_ms();
 
