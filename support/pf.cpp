@@ -119,6 +119,8 @@ Line classify_line(std::string_view s) {
 
 // --- The whole text ---
 
+constexpr size_t max_depth = 64;
+
 struct OpenBlock {
     Pf *pf;
     std::string name;
@@ -148,6 +150,10 @@ int apply_line(const char *who, const std::string &origin, int line_no, Line &li
         current->entries[line.name] = PfEntry{std::move(line.text), nullptr};
         return 0;
     case LineKind::open: {
+        // Blocks are freed recursively: a bound on depth keeps a runaway
+        // file from exhausting the stack.
+        if (open.size() > max_depth)
+            return syntax_error(who, origin, line_no, "blocks nested more than 64 deep");
         PfEntry &entry = current->entries[line.name];
         entry = PfEntry{"", std::make_unique<Pf>()};
         open.push_back(OpenBlock{entry.block.get(), line.name, line_no});

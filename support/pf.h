@@ -28,9 +28,9 @@ enum {
 
 // Reads the parameter file for name: a plain name looks for ./name.pf, then
 // /etc/name.pf; a name with '/' is a path, tried as given, then with ".pf"
-// added when it lacks it. Directories are skipped. 0 and *pf filled on
-// success; -1 after registering one message (the file and line of a syntax
-// error, or every place tried when no file exists).
+// added when it lacks it. What is not a regular file is skipped. 0 and *pf
+// filled on success; -1 after registering one message (the file and line of
+// a syntax error, or every place tried when no file exists).
 int pfread(const char *name, Pf **pf);
 // Parses text as if read from a file called origin (used in messages).
 // Same results and messages as pfread (under its own name).

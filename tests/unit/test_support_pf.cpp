@@ -126,6 +126,8 @@ TEST(Pf, EverySyntaxErrorNamesItsLine) {
         {"port translations {\n}\n", 1, "'{' must end a line that holds only the block name"},
         {"a b\"c\n", 1, "'\"' inside an unquoted value"},
         {std::string("a 1\nb \0 2\n", 10), 2, "a NUL byte"},
+        {[] { std::string s; for (int i = 0; i < 65; ++i) s += "a {\n"; return s; }(), 65,
+         "blocks nested more than 64 deep"},
     };
     testutil::TempDir dir;
     for (const Case &c : cases) {
