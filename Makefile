@@ -51,5 +51,8 @@ fuzz: deps build-fuzz/build.ninja
 	cmake --build build-fuzz -j $(JOBS) --target korvane_fuzz_targets
 	ctest --test-dir build-fuzz --output-on-failure -j $(JOBS) -L fuzz
 
+demo: deps build
+	scripts/demo
+
 clean:
 	rm -rf build build-asan build-tsan
