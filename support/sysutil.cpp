@@ -17,7 +17,11 @@
 int fdwait(int fd, int msec) {
     struct pollfd p = {fd, POLLIN | POLLPRI, 0};
     int n = poll(&p, 1, msec < 0 ? -1 : msec);
-    if (n < 0) return errno == EINTR ? 0 : -1;
+    // A signal ends the wait as an error (errno EINTR), not as silence: it is
+    // how an orderly shutdown breaks a reader out of its wait on a quiet
+    // line, which would otherwise wait for ever. The relay itself installs
+    // no handler, so in normal running no signal gets here.
+    if (n < 0) return -1;
     if (n == 0) return 0;
     // A hang-up or an error also ends the wait as "readable": the read that
     // follows returns 0 or the error, and the reader reports it. Calling it

@@ -8,9 +8,8 @@
 
 // Waits up to msec milliseconds (< 0: without limit) for fd to become
 // readable. > 0 readable (a hang-up or a pending error counts as readable,
-// so that the read which follows reports it); 0 the time passed first, or a
-// signal interrupted the wait; < 0 error (a bad descriptor included), with
-// errno set.
+// so that the read which follows reports it); 0 the time passed first;
+// < 0 error (a bad descriptor, or a signal: errno EINTR), with errno set.
 int fdwait(int fd, int msec);
 
 // --- Dumps ---
