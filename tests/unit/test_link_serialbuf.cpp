@@ -8,7 +8,6 @@
 
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "link/serialbuf.h"
@@ -16,6 +15,7 @@
 #include "testutil.h"
 
 using testutil::PtyPair;
+using testutil::write_all;
 
 namespace {
 
@@ -25,19 +25,18 @@ std::string take_register() {
     elog_clear_register(1);
     return testing::internal::GetCapturedStderr();
 }
+bool has(const std::string &text, const std::string &part) { return text.find(part) != text.npos; }
 
-// What the callbacks saw.
+// What the callbacks saw; the idle callback returns 3 on call number stop_at.
 struct Seen {
-    std::vector<int> idle_args;
-    int idle_stop_at = 0;  // return 3 on this call (1-based); 0 never
-    int read_bytes = 0, read_calls = 0, written_bytes = 0;
+    std::vector<int> idle;
+    int stop_at = 0, read_bytes = 0, read_calls = 0, written = 0;
     std::vector<std::string> lines;
 };
-
 int on_idle(void *u, int timed_out) {
     auto *s = static_cast<Seen *>(u);
-    s->idle_args.push_back(timed_out);
-    return static_cast<int>(s->idle_args.size()) == s->idle_stop_at ? 3 : 0;
+    s->idle.push_back(timed_out);
+    return static_cast<int>(s->idle.size()) == s->stop_at ? 3 : 0;
 }
 int on_line(void *u, void *, char *line, int) {
     static_cast<Seen *>(u)->lines.emplace_back(line);
@@ -45,19 +44,15 @@ int on_line(void *u, void *, char *line, int) {
 }
 int on_rate(void *u, int direction, int n) {
     auto *s = static_cast<Seen *>(u);
-    if (direction == 2) s->read_bytes += n, s->read_calls++;
-    if (direction == 1) s->written_bytes += n;
+    if (direction == 2) s->read_calls++;
+    (direction == 2 ? s->read_bytes : s->written) += n;
     return 0;
 }
 
-SerialBuf *serial(const PtyPair &pty, Seen *seen, int baud = 9600, int size = 1024,
+SerialBuf *serial(const PtyPair &pty, Seen *s, int baud = 9600, int size = 1024,
                   int timeout = 5000, int sleep = 0, int flow = 0) {
-    if (!seen)
-        return serialbuf_create_serial(pty.slave_path.c_str(), baud, flow, size, timeout, sleep,
-                                       1, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                       nullptr);
     return serialbuf_create_serial(pty.slave_path.c_str(), baud, flow, size, timeout, sleep, 1,
-                                   on_idle, seen, on_line, seen, nullptr, on_rate, seen);
+                                   on_idle, s, on_line, s, nullptr, on_rate, s);
 }
 
 std::string get_bytes(SerialBuf *b, int n) {
@@ -77,14 +72,15 @@ termios settings(int fd) {
 
 TEST(SerialLink, OpensRawAtTheEightSpeedsAndRefusesOthers) {
     PtyPair pty;
+    Seen s;
     termios before = settings(pty.slave);
     before.c_cc[VEOF] = 7;  // a control character that open must leave alone
     tcsetattr(pty.slave, TCSANOW, &before);
-    const std::pair<int, speed_t> speeds[] = {{1200, B1200},   {2400, B2400},  {4800, B4800},
+    const std::pair<int, speed_t> speeds[] = {{1200, B1200},   {2400, B2400},   {4800, B4800},
                                               {9600, B9600},   {19200, B19200}, {38400, B38400},
                                               {57600, B57600}, {115200, B115200}};
     for (auto [baud, code] : speeds) {
-        SerialBuf *b = serial(pty, nullptr, baud);
+        SerialBuf *b = serial(pty, &s, baud);
         ASSERT_EQ(serialbuf_open(b), 0) << baud;
         EXPECT_EQ(b->state, 2);
         termios t = settings(pty.slave);
@@ -94,38 +90,30 @@ TEST(SerialLink, OpensRawAtTheEightSpeedsAndRefusesOthers) {
         EXPECT_EQ(t.c_oflag & 0xffff, 0u);
         EXPECT_EQ(t.c_cflag & 0xffff, tcflag_t(code | CS8 | CREAD | CLOCAL));
         EXPECT_EQ(t.c_lflag & 0xffff, tcflag_t(NOFLSH));
-        EXPECT_EQ(t.c_cc[VMIN], 0);
-        EXPECT_EQ(t.c_cc[VTIME], 1);
-        EXPECT_EQ(t.c_cc[VEOF], 7);
+        EXPECT_EQ((std::vector<int>{t.c_cc[VMIN], t.c_cc[VTIME], t.c_cc[VEOF]}),
+                  (std::vector<int>{0, 1, 7}));
         serialbuf_destroy(b);
     }
     for (int baud : {300, 230400}) {
-        SerialBuf *b = serial(pty, nullptr, baud);
+        SerialBuf *b = serial(pty, &s, baud);
         EXPECT_EQ(serialbuf_open(b), -1);
         EXPECT_EQ(b->fd, -1);
         EXPECT_EQ(b->state, 1);
-        EXPECT_NE(take_register().find("serialbuf_open: invalid baudrate " + std::to_string(baud)),
-                  std::string::npos);
+        std::string expected = "serialbuf_open: invalid baudrate " + std::to_string(baud);
+        EXPECT_TRUE(has(take_register(), expected));
         serialbuf_destroy(b);
     }
-    SerialBuf *b = serialbuf_create_serial("/nonexistent/tty", 9600, 0, 8, 0, 0, 1, nullptr,
-                                           nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_EQ(serialbuf_connect(b, 0, ""), -1);
-    EXPECT_EQ(b->state, 1);
-    std::string reg = take_register();
-    EXPECT_NE(reg.find("serialbuf_open: open('/nonexistent/tty') error."), std::string::npos);
-    EXPECT_NE(reg.find("serialbuf_connect: serialbuf_open() error."), std::string::npos);
-    serialbuf_destroy(b);
 }
 
 TEST(SerialLink, OpenNeverSwitchesHardwareFlowControl) {
     PtyPair pty;
-    for (bool rtscts : {true, false}) {
+    Seen s;
+    for (bool rtscts : {true, false}) {  // the device's setting before open
         for (int flow : {0, 1}) {
             termios t = settings(pty.slave);
             t.c_cflag = rtscts ? (t.c_cflag | CRTSCTS) : (t.c_cflag & ~CRTSCTS);
             tcsetattr(pty.slave, TCSANOW, &t);
-            SerialBuf *b = serial(pty, nullptr, 19200, 64, 1000, 0, flow);
+            SerialBuf *b = serial(pty, &s, 19200, 64, 1000, 0, flow);
             ASSERT_EQ(serialbuf_open(b), 0);
             EXPECT_EQ((settings(pty.slave).c_cflag & CRTSCTS) != 0, rtscts) << "flow " << flow;
             serialbuf_destroy(b);
@@ -135,36 +123,44 @@ TEST(SerialLink, OpenNeverSwitchesHardwareFlowControl) {
 
 TEST(SerialLink, HandsOutBytesInOrderAcrossRefillsAndWritesRaw) {
     PtyPair pty;
-    Seen seen;
-    SerialBuf *b = serial(pty, &seen, 9600, 8);
+    Seen s;
+    SerialBuf *b = serial(pty, &s, 9600, 8);
+    ASSERT_EQ(serialbuf_open(b), 0);
+    unsigned char c;
+    EXPECT_EQ(serialbuf_get_byte(b, &c, 0), 4);  // open is not connected
+    EXPECT_TRUE(has(take_register(), "serialbuf_get_byte: not connected."));
     ASSERT_EQ(serialbuf_connect(b, 0, nullptr), 0);
-    EXPECT_EQ(b->state, 3);
     const std::string data = "0123456789abcdefghijklmnopqrstuvwxyz";
-    testutil::write_all(pty.master, data.data(), 20);
+    write_all(pty.master, data.data(), 20);
     EXPECT_EQ(get_bytes(b, 10), data.substr(0, 10));
-    testutil::write_all(pty.master, data.data() + 20, data.size() - 20);
-    EXPECT_EQ(get_bytes(b, static_cast<int>(data.size()) - 10), data.substr(10));
-    EXPECT_EQ(seen.read_bytes, static_cast<int>(data.size()));
-    EXPECT_GE(seen.read_calls, 5);  // a buffer of 8 needs at least five reads for 36 bytes
-    EXPECT_TRUE(seen.idle_args.empty());  // intr 0 never calls it
+    write_all(pty.master, data.data() + 20, data.size() - 20);
+    EXPECT_EQ(get_bytes(b, 26), data.substr(10));
+    EXPECT_EQ(s.read_bytes, 36);
+    EXPECT_GE(s.read_calls, 5);  // a buffer of 8 needs five reads or more for 36 bytes
+    EXPECT_TRUE(s.idle.empty());  // intr 0 never calls it
     EXPECT_EQ(serialbuf_write(b, "\xc0ok\xdb", 4), 4);
     EXPECT_EQ(testutil::read_at_least(pty.master, 4, 5000), "\xc0ok\xdb");
-    EXPECT_EQ(seen.written_bytes, 4);
+    EXPECT_EQ(s.written, 4);
+    EXPECT_EQ(serialbuf_close(b), 0);
+    EXPECT_EQ(serialbuf_close(b), 0);  // the second does nothing
+    EXPECT_EQ(b->fd, -1);
+    ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);  // a closed link opens again
+    write_all(pty.master, "ok", 2);
+    EXPECT_EQ(get_bytes(b, 2), "ok");
     serialbuf_destroy(b);
 }
 
 TEST(SerialLink, TimeOutCountsWholeSilentSeconds) {
     PtyPair pty;
     for (auto [timeout, waits] : {std::pair{2500, 3}, std::pair{1000, 1}}) {
-        Seen seen;
-        SerialBuf *b = serial(pty, &seen, 9600, 64, timeout);
+        Seen s;
+        SerialBuf *b = serial(pty, &s, 9600, 64, timeout);
         ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
         unsigned char c = 0;
         EXPECT_EQ(serialbuf_get_byte(b, &c, 2), 1);
-        EXPECT_EQ(seen.idle_args, std::vector<int>(waits, 1)) << timeout;
-        EXPECT_NE(take_register().find("serialbuf_get_byte: timeout."), std::string::npos);
-        EXPECT_EQ(b->state, 3);
-        testutil::write_all(pty.master, "Z", 1);  // the link still works afterwards
+        EXPECT_EQ(s.idle, std::vector<int>(waits, 1)) << timeout;
+        EXPECT_TRUE(has(take_register(), "serialbuf_get_byte: timeout."));
+        write_all(pty.master, "Z", 1);  // the link still works afterwards
         EXPECT_EQ(serialbuf_get_byte(b, &c, 2), 0);
         EXPECT_EQ(c, 'Z');
         serialbuf_destroy(b);
@@ -173,79 +169,61 @@ TEST(SerialLink, TimeOutCountsWholeSilentSeconds) {
 
 TEST(SerialLink, WithoutTimeOutTheIdleCallbackRunsEachSecondAndCanStopTheWait) {
     PtyPair pty;
-    Seen seen;
-    seen.idle_stop_at = 3;
-    SerialBuf *b = serial(pty, &seen, 9600, 64, 0);
+    Seen s;
+    s.stop_at = 3;
+    SerialBuf *b = serial(pty, &s, 9600, 64, 0);
     ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
     unsigned char c = 0;
     long long t0 = testutil::now_ms();
     EXPECT_EQ(serialbuf_get_byte(b, &c, 1), 3);
     EXPECT_GE(testutil::now_ms() - t0, 1500);  // three one-second waits, wide margin
-    EXPECT_EQ(seen.idle_args, std::vector<int>(3, 0));
-    // In mode 1 it runs even when data is waiting, and 3 still wins; the
-    // byte stays in the line for the next call.
-    testutil::write_all(pty.master, "Q", 1);
-    seen.idle_args.clear();
-    seen.idle_stop_at = 1;
+    EXPECT_EQ(s.idle, std::vector<int>(3, 0));
+    // In mode 1 it runs even when data waits, and 3 still wins; the byte
+    // stays for the next call.
+    write_all(pty.master, "Q", 1);
+    s.idle.clear();
+    s.stop_at = 1;
     EXPECT_EQ(serialbuf_get_byte(b, &c, 1), 3);
-    EXPECT_EQ(serialbuf_get_byte(b, &c, 0), 0);
-    EXPECT_EQ(c, 'Q');
+    EXPECT_EQ(get_bytes(b, 1), "Q");
     serialbuf_destroy(b);
 }
 
 TEST(SerialLink, DumpsWhatItReads) {
     PtyPair pty;
-    Seen seen;
-    SerialBuf *b = serial(pty, &seen, 9600, 1024, 5000, 50000);
+    Seen s;
+    SerialBuf *b = serial(pty, &s, 9600, 1024, 5000, 50000);
     ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
     const std::pair<int, std::string> modes[] = {{1, "reading 5 bytes: AT\\r\\n\n"}, {2, "AT\r\n"}};
     for (const auto &[mode, expected] : modes) {
         b->rverbose = mode;
-        testutil::write_all(pty.master, "AT\r\n\x01", 5);
+        write_all(pty.master, "AT\r\n\x01", 5);
         testing::internal::CaptureStdout();
         std::string got = get_bytes(b, 5);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
         EXPECT_EQ(got, "AT\r\n\x01");
     }
-    b->rverbose = 3;
-    testutil::write_all(pty.master, "OK\r\nHEL", 7);
+    b->rverbose = 3;  // a line may span reads; an empty one is not logged
+    write_all(pty.master, "OK\r\nHEL", 7);
     get_bytes(b, 7);
-    testutil::write_all(pty.master, "LO\t\x02\n", 5);
+    write_all(pty.master, "LO\t\x02\n", 5);
     get_bytes(b, 5);
-    EXPECT_EQ(seen.lines, (std::vector<std::string>{"OK", "HELLO\t"}));
+    EXPECT_EQ(s.lines, (std::vector<std::string>{"OK", "HELLO\t"}));
     std::string longline(300, 'x');
-    testutil::write_all(pty.master, longline.data(), longline.size());
+    write_all(pty.master, longline.data(), longline.size());
     EXPECT_EQ(get_bytes(b, 300), longline);
     EXPECT_EQ(b->line_size, 512);
     EXPECT_EQ(std::string(b->line), longline);
     serialbuf_destroy(b);
 }
 
-TEST(SerialLink, StateRules) {
+TEST(SerialLink, OneReaderAndOneWriterAtOnceAndUsleep) {
     PtyPair pty;
-    SerialBuf *b = serial(pty, nullptr);
-    ASSERT_EQ(serialbuf_open(b), 0);
-    unsigned char c;
-    EXPECT_EQ(serialbuf_get_byte(b, &c, 0), 4);
-    EXPECT_NE(take_register().find("serialbuf_get_byte: not connected."), std::string::npos);
-    EXPECT_EQ(serialbuf_disconnect(b), 0);  // open, not connected: nothing to do
-    EXPECT_EQ(serialbuf_close(b), 0);
-    EXPECT_EQ(b->fd, -1);
-    EXPECT_EQ(serialbuf_close(b), 0);
-    EXPECT_EQ(b->state, 1);
-    ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);  // opens a closed link again
-    testutil::write_all(pty.master, "ok", 2);
-    EXPECT_EQ(get_bytes(b, 2), "ok");
-    serialbuf_destroy(b);
-}
-
-TEST(SerialLink, OneReaderAndOneWriterAtOnce) {
-    PtyPair pty;
-    SerialBuf *b = serial(pty, nullptr, 115200, 16);
+    Seen s;
+    SerialBuf *b = serial(pty, &s, 115200, 16);
     ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
     std::string in(2000, '\0'), out(2000, '\0');
     for (size_t i = 0; i < in.size(); i++) in[i] = char('a' + i % 26), out[i] = char('A' + i % 26);
-    testutil::write_all(pty.master, in.data(), in.size());
+    write_all(pty.master, in.data(), in.size());
     std::thread writer([&] {
         for (size_t i = 0; i < out.size(); i += 100) serialbuf_write(b, out.data() + i, 100);
     });
@@ -253,57 +231,41 @@ TEST(SerialLink, OneReaderAndOneWriterAtOnce) {
     writer.join();
     EXPECT_EQ(testutil::read_at_least(pty.master, out.size(), 5000), out);
     serialbuf_destroy(b);
-}
-
-TEST(SerialLink, UsleepSleepsWholeSecondsAndTheRest) {
     long long t0 = testutil::now_ms();
     EXPECT_EQ(serialbuf_usleep(1500000), 0);
-    long long ms = testutil::now_ms() - t0;
-    EXPECT_GE(ms, 1450);
-    EXPECT_LT(ms, 10000);
+    EXPECT_GE(testutil::now_ms() - t0, 1450);
 }
 
 namespace {
-int tcp_listener(int *port) {
+// A loopback TCP socket: listening on a fresh port (stored) or connected to port.
+int loopback_tcp(int *port, bool listening) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    uint16_t p = htons(static_cast<uint16_t>(listening ? 0 : *port));
+    sockaddr_in a{AF_INET, p, {htonl(INADDR_LOOPBACK)}, {}};
+    auto *sa = reinterpret_cast<sockaddr *>(&a);
     socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    if (!listening) return connect(fd, sa, len) == 0 ? fd : (close(fd), -1);
+    bind(fd, sa, len);
     listen(fd, 1);
+    getsockname(fd, sa, &len);
     *port = ntohs(a.sin_port);
     return fd;
-}
-int tcp_connect(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 ? fd : (close(fd), -1);
 }
 }  // namespace
 
 TEST(TcpLink, ClientReadsUntilThePeerCloses) {
-    int port = 0, ls = tcp_listener(&port);
+    int port = 0, ls = loopback_tcp(&port, true);
     SerialBuf *b = serialbuf_create_tcpclient("127.0.0.1", port, 16, 5000, 1, nullptr, nullptr,
                                               nullptr, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_EQ(b->sleep, 0);
     ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
     int peer = accept(ls, nullptr, nullptr);
-    testutil::write_all(peer, "hi", 2);
+    write_all(peer, "hi", 2);
     close(peer);
-    EXPECT_EQ(get_bytes(b, 2), "hi");
+    EXPECT_EQ(get_bytes(b, 3), "hi");
+    EXPECT_TRUE(has(take_register(), "serialbuf_get_byte: eof."));
     unsigned char c;
     EXPECT_EQ(serialbuf_get_byte(b, &c, 0), 2);
-    EXPECT_NE(take_register().find("serialbuf_get_byte: eof."), std::string::npos);
-    serialbuf_close(b);
-    close(ls);  // nobody listens any more
-    EXPECT_EQ(serialbuf_open(b), -1);
-    EXPECT_EQ(b->fd, -1);
-    EXPECT_NE(take_register().find("serialbuf_open: Can't connect to server"), std::string::npos);
+    close(ls);
     serialbuf_destroy(b);
 }
 
@@ -313,10 +275,9 @@ TEST(TcpLink, ServerAcceptsAClientAndBindsAgainAfterClose) {
                                               nullptr, nullptr, nullptr, nullptr);
     for (int round = 0; round < 2; round++) {
         ASSERT_EQ(serialbuf_open(b), 0) << take_register();
-        int client = tcp_connect(port);  // waits in the backlog until connect accepts
-        ASSERT_GE(client, 0);
+        int client = loopback_tcp(&port, false);  // waits in the backlog until connect accepts
         ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
-        testutil::write_all(client, "A", 1);
+        write_all(client, "A", 1);
         EXPECT_EQ(get_bytes(b, 1), "A");
         EXPECT_EQ(serialbuf_write(b, "B", 1), 1);
         EXPECT_EQ(testutil::read_at_least(client, 1, 5000), "B");
