@@ -180,7 +180,7 @@ int udp_payload_cksum(const IPHdr *ipp, const UDPHdr *udpp, const unsigned char 
     udp.chksum = 0;
     if (stuff_udp(&udp, &p, &room) < 0) return -1;
     if (n > kMaxPayload) n = kMaxPayload;
-    std::memcpy(p, payload, n);
+    if (n > 0) std::memcpy(p, payload, n);
     *out = in_cksum(reinterpret_cast<unsigned short *>(scratch), n + UDP_PSEUDO_LEN + UDP_HDR_LEN);
     return 0;
 }
@@ -196,6 +196,23 @@ int udp_checksum(unsigned char *data_starting_at_ip_hdr, int nbytes,
     // The payload is what the frame holds after the UDP header, not what the
     // UDP length field claims: a frame with trailing bytes fails the check.
     return udp_payload_cksum(&ip, &udp, p, left, udp_chksum);
+}
+
+int ip_udp_packet(IPHdr *ip, UDPHdr *udp, const unsigned char *payload, int len,
+                  unsigned char *packet, int room) {
+    unsigned char *p = packet;
+    int left = room;
+    ip->chksum = 0;
+    if (stuff_ip(ip, &p, &left) < 0) return -1;
+    ip->chksum = in_cksum(reinterpret_cast<unsigned short *>(packet), static_cast<int>(p - packet));
+    unsigned short sum;
+    if (udp_payload_cksum(ip, udp, payload, len, &sum) < 0) return -1;
+    udp->chksum = sum;  // stuff_udp sends a computed 0 as 0xFFFF
+    p = packet;
+    left = room;
+    if (stuff_ip(ip, &p, &left) < 0 || stuff_udp(udp, &p, &left) < 0 || left < len) return -1;
+    if (len > 0) std::memcpy(p, payload, len);
+    return static_cast<int>(p - packet) + len;
 }
 
 void udp_ip2str(unsigned int ipaddress, char *ipstr) {

@@ -100,22 +100,6 @@ void slip_headers(SerialBuf *sb, const sockaddr_in &to, int len, IPHdr *ip, UDPH
     uh->chksum = 0;
 }
 
-// Lays out headers with both checksums and the payload; packet holds len+28.
-int slip_packet(IPHdr *ip, UDPHdr *uh, const unsigned char *msg, int len, unsigned char *packet) {
-    unsigned char *p = packet;
-    int room = kPacketMax;
-    if (stuff_ip(ip, &p, &room) < 0) return -1;
-    ip->chksum = in_cksum(reinterpret_cast<unsigned short *>(packet), IP_HDR_MIN);
-    unsigned short sum;
-    if (udp_payload_cksum(ip, uh, msg, len, &sum) < 0) return -1;
-    uh->chksum = sum;  // stuff_udp sends a computed 0 as 0xFFFF
-    p = packet;
-    room = kPacketMax;
-    if (stuff_ip(ip, &p, &room) < 0 || stuff_udp(uh, &p, &room) < 0) return -1;
-    std::memcpy(p, msg, len);
-    return 0;
-}
-
 }  // namespace
 
 int slip_encode(const unsigned char *packet, int n, unsigned char *frame) {
@@ -198,7 +182,8 @@ int slip_sendto(UDP *udp, const void *msg, size_t len, int /*flags*/, const stru
     UDPHdr uh;
     unsigned char packet[kPacketMax];
     slip_headers(udp->slip_buf, dst, n, &ip, &uh);
-    if (slip_packet(&ip, &uh, static_cast<const unsigned char *>(msg), n, packet) < 0) return -1;
+    if (ip_udp_packet(&ip, &uh, static_cast<const unsigned char *>(msg), n, packet, kPacketMax) < 0)
+        return -1;
     unsigned char frame[kFrameMax];
     int flen = slip_encode(packet, n + kHeaders, frame);
     if (udp->verbose >= 2) slip_dump("SLS:", frame, flen);
@@ -287,7 +272,7 @@ int slip_take(UDP *udp, SlipDecoder *dec, void *msg, size_t len, struct sockaddr
     // The payload is everything after the UDP header as parsed; neither
     // length field is consulted.
     size_t take = static_cast<size_t>(left) < len ? static_cast<size_t>(left) : len;
-    std::memcpy(msg, p, take);
+    if (take > 0) std::memcpy(msg, p, take);
     if (from && slip_source(ip, uh, from, fromlen) < 0) return -1;
     return static_cast<int>(take);
 }

@@ -87,6 +87,12 @@ int udp_checksum(unsigned char *data_starting_at_ip_hdr, int nbytes,
 int udp_payload_cksum(const IPHdr *ip, const UDPHdr *udp, const unsigned char *payload, int n,
                       unsigned short *out);
 
+// Lays out a whole IPv4/UDP packet (header with the options its length
+// nibble asks for, UDP header, len payload bytes) with both checksums
+// computed and in place; returns its length, or -1 when room is short.
+int ip_udp_packet(IPHdr *ip, UDPHdr *udp, const unsigned char *payload, int len,
+                  unsigned char *packet, int room);
+
 // ---- Dumps (ipcodec.cpp) ----------------------------------------------------
 
 // Logs the IP header, stored checksum beside the computed one.
