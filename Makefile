@@ -100,3 +100,9 @@ package: armhf build-pkg/build.ninja
 	cd build-pkg && cpack -B "$(CURDIR)/build-dist"
 	cd build-armhf && cpack -B "$(CURDIR)/build-dist"
 	@ls -1 build-dist/*.deb
+
+# The unit tests built for the ARM box (32-bit) and a big-endian machine with
+# Debian's cross compilers, run under qemu-user (scripts/cross-test).
+.PHONY: cross-test
+cross-test:
+	JOBS=$(JOBS) scripts/cross-test
