@@ -1,5 +1,6 @@
 // The datagram endpoint over a host UDP socket or a SLIP link.
 #include "net/udp.h"
+#include "support/pthread_lock.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -32,15 +33,6 @@ constexpr int kAgain = 100;           // internal: would block, go and wait
 constexpr int kDropped = 101;         // internal: datagram thrown away, read on
 
 std::atomic<UDPResolver> resolver_override{nullptr};
-
-// Holds a pthread mutex for one scope.
-struct Lock {
-    pthread_mutex_t *m;
-    explicit Lock(pthread_mutex_t *mutex) : m(mutex) { pthread_mutex_lock(m); }
-    ~Lock() { pthread_mutex_unlock(m); }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-};
 
 // Adds n to an average the endpoint may not have.
 void account(TAverage *avg, double n) {
@@ -194,7 +186,7 @@ namespace {
 // port; the descriptor to use, or the negative result of opening. The mutex
 // covers only this: it is released before any sending or receiving.
 int open_head(UDP *udp, int local_port, const char *local_ipaddr, const char *who) {
-    Lock lock(&udp->mutex);
+    PthreadLock lock(&udp->mutex);
     for (;;) {
         if (udp->fd < 0) {
             udp->fd = udp_open(udp->slip_buf, local_port, local_ipaddr);
@@ -359,7 +351,7 @@ int udp_print_verbose(UDP *udp, int type, ...) {
         const char *fmt = va_arg(ap, const char *);
         std::vsnprintf(text, sizeof text, fmt, ap);
         va_end(ap);
-        Lock lock(&udp->mutex);
+        PthreadLock lock(&udp->mutex);
         emit_line(udp, text);
         return 0;
     }
@@ -371,7 +363,7 @@ int udp_print_verbose(UDP *udp, int type, ...) {
     va_end(ap);
     // Held from the first line to the last: one dump never interleaves
     // with another on the same endpoint.
-    Lock lock(&udp->mutex);
+    PthreadLock lock(&udp->mutex);
     emit_dump(udp, nbytes, bytes, prefix, text);
     return 0;
 }

@@ -22,6 +22,7 @@
 #include "support/containers.h"
 #include "support/elog.h"
 #include "support/pmtfifo.h"
+#include "support/pthread_lock.h"
 
 namespace {
 
@@ -89,22 +90,13 @@ void q330_destination_text(const SerialBuf *link, char *text, size_t size) {
              static_cast<int>(a & 0xff), static_cast<int>(port));
 }
 
-// Holds a pthread mutex for one scope.
-struct MutexHold {
-    pthread_mutex_t *mutex;
-    explicit MutexHold(pthread_mutex_t *m) : mutex(m) { pthread_mutex_lock(mutex); }
-    ~MutexHold() { pthread_mutex_unlock(mutex); }
-    MutexHold(const MutexHold &) = delete;
-    MutexHold &operator=(const MutexHold &) = delete;
-};
-
 KorvanePort *route_lookup(Korvane *qpr, const char *client) {
-    MutexHold hold(&qpr->ports_mutex);
+    PthreadLock hold(&qpr->ports_mutex);
     return static_cast<KorvanePort *>(getarr(qpr->ports_arr, client));
 }
 
 void route_learn(Korvane *qpr, const char *client, KorvanePort *port) {
-    MutexHold hold(&qpr->ports_mutex);
+    PthreadLock hold(&qpr->ports_mutex);
     setarr(qpr->ports_arr, client, port);
 }
 

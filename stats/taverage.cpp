@@ -1,4 +1,5 @@
 #include "stats/taverage.h"
+#include "support/pthread_lock.h"
 
 #include <atomic>
 #include <climits>
@@ -13,15 +14,6 @@
 namespace {
 
 std::atomic<double (*)(void)> clock_now{std_now};
-
-// RAII holder of a TAverage's mutex.
-struct Locked {
-    TAverage *avg;
-    explicit Locked(TAverage *a) : avg(a) { pthread_mutex_lock(&avg->mutex); }
-    ~Locked() { pthread_mutex_unlock(&avg->mutex); }
-    Locked(const Locked &) = delete;
-    Locked &operator=(const Locked &) = delete;
-};
 
 // (int) x, truncated toward zero, but saturated instead of undefined when a
 // far-off time makes the bin count overflow an int.
@@ -102,7 +94,7 @@ void put_binned(TAverage *avg, double now, double value) {
 
 // Event mode get: count events in (ts, time], walking from the newest.
 void get_events(TAverage *avg, double time, double ts, double *sum) {
-    Locked lock(avg);
+    PthreadLock lock(&avg->mutex);
     for (int i = 0; i < avg->nbin; i++) {
         double t = avg->bins[i];
         if (t == 0.0 || t <= ts) break;
@@ -128,7 +120,7 @@ int start_bin(double tsr, double tbin) {
 
 // Binned get: the whole bins covering (ts, *time] and their sum.
 void get_binned(TAverage *avg, double *time, double *twin, double ts, double *sum) {
-    Locked lock(avg);
+    PthreadLock lock(&avg->mutex);
     int is = end_bin(avg->time - *time, avg->tbin);
     int ie = start_bin(avg->time - ts, avg->tbin);
     // The bounds come from the indices before clamping, so an interval in
@@ -184,7 +176,7 @@ int taverage_destroy(TAverage *avg) {
 }
 
 int taverage_put(TAverage *avg, double value) {
-    Locked lock(avg);
+    PthreadLock lock(&avg->mutex);
     double now = clock_now.load()();
     if (avg->tbin < 0)
         put_event(avg, now);

@@ -1,4 +1,5 @@
 #include "support/pmtfifo.h"
+#include "support/pthread_lock.h"
 
 #include <time.h>
 
@@ -11,15 +12,6 @@
 namespace {
 
 enum { FIFO_FAILED = -1, FIFO_NOT_NOW = -2, FIFO_RELEASED = -3 };
-
-// Holds the FIFO's mutex for one scope.
-struct FifoLock {
-    pthread_mutex_t *mutex;
-    explicit FifoLock(pthread_mutex_t *m) : mutex(m) { pthread_mutex_lock(mutex); }
-    ~FifoLock() { pthread_mutex_unlock(mutex); }
-    FifoLock(const FifoLock &) = delete;
-    FifoLock &operator=(const FifoLock &) = delete;
-};
 
 // The moment `seconds` from now on the monotonic clock, which the
 // conditions use, so that setting the wall clock neither cuts nor stretches
@@ -130,7 +122,7 @@ int pmtfifo_push(Pmtfifo *fifo, void *ptr) {
         elog_log(1, "pmtfifo_push: malloc() error\n");
         return FIFO_FAILED;
     }
-    FifoLock lock(&fifo->mutex);
+    PthreadLock lock(&fifo->mutex);
     if (fifo->check && !list_ok(fifo)) {
         elog_log(0, "pmtfifo_push: the FIFO's list is inconsistent\n");
         return FIFO_FAILED;
@@ -156,7 +148,7 @@ int pmtfifo_pop(Pmtfifo *fifo, void **ptr) {
     *ptr = nullptr;
     std::unique_ptr<MtfifoElement> element;
     {
-        FifoLock lock(&fifo->mutex);
+        PthreadLock lock(&fifo->mutex);
         if (fifo->check && !list_ok(fifo)) {
             elog_log(0, "pmtfifo_pop: the FIFO's list is inconsistent\n");
             return FIFO_FAILED;
@@ -182,7 +174,7 @@ int pmtfifo_release_block(Pmtfifo *fifo) {
         elog_log(0, "pmtfifo_release_block: no FIFO\n");
         return -1;
     }
-    FifoLock lock(&fifo->mutex);
+    PthreadLock lock(&fifo->mutex);
     fifo->release_block = 1;
     pthread_cond_broadcast(&fifo->consumer_cond);
     pthread_cond_broadcast(&fifo->producer_cond);
