@@ -9,6 +9,7 @@
 #include <string>
 
 #include "link/serialbuf.h"
+#include "link/textdump.h"
 #include "support/elog.h"
 
 // ---- Before the dialogue ----
@@ -198,13 +199,7 @@ int serialbuf_disconnect(SerialBuf *buf) {
         if (ret != 0) return ret;  // still connected: the modem did not confirm
     }
     if (buf->fd >= 0 && buf->modem_control == 2) serialbuf_hangup(buf->fd);
-    buf->state = 2;
-    buf->connecting = 0;
-    buf->ptr = 0;
-    buf->occupied = 0;
-    buf->busy_rec_string_ptr = 0;
-    buf->offhook_rec_string_ptr = 0;
-    buf->next_bad = -1;
+    link_back_to_open(buf);
     return 0;
 }
 

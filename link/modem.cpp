@@ -84,16 +84,6 @@ static bool match_step(const char *reply, int size, int *matched, unsigned char 
     return false;
 }
 
-// Carrier lost: back to open, the rest of the read buffer discarded.
-static void carrier_lost(SerialBuf *buf) {
-    buf->state = 2;
-    buf->connecting = 0;
-    buf->ptr = 0;
-    buf->occupied = 0;
-    buf->busy_rec_string_ptr = 0;
-    buf->offhook_rec_string_ptr = 0;
-    buf->next_bad = -1;
-}
 
 int serialbuf_process_rec_strings(SerialBuf *buf, unsigned char byte) {
     if (buf->modem_control == 1) return 0;
@@ -110,7 +100,7 @@ int serialbuf_process_rec_strings(SerialBuf *buf, unsigned char byte) {
                     &buf->offhook_rec_string_ptr, byte))
         return 0;
     elog_log(0, "serialbuf_process_rec_strings: no carrier detected.\n");
-    carrier_lost(buf);
+    link_back_to_open(buf);  // the rest of the read buffer is discarded
     return 4;
 }
 

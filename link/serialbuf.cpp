@@ -120,6 +120,20 @@ SerialBuf *serialbuf_create_tcpserver(int port, int size, int timeout, int tries
     return buf;
 }
 
+void link_forget_input(SerialBuf *buf) {
+    buf->ptr = 0;
+    buf->occupied = 0;
+    buf->busy_rec_string_ptr = 0;
+    buf->offhook_rec_string_ptr = 0;
+    buf->next_bad = -1;
+}
+
+void link_back_to_open(SerialBuf *buf) {
+    buf->state = 2;
+    buf->connecting = 0;
+    link_forget_input(buf);
+}
+
 int serialbuf_close(SerialBuf *buf) {
     if (buf->state == 1) return 0;
     if (buf->fd >= 0) close(buf->fd);
@@ -127,11 +141,7 @@ int serialbuf_close(SerialBuf *buf) {
     buf->fd = -1;
     buf->fdserver = -1;
     buf->state = 1;
-    buf->ptr = 0;
-    buf->occupied = 0;
-    buf->busy_rec_string_ptr = 0;
-    buf->offhook_rec_string_ptr = 0;
-    buf->next_bad = -1;
+    link_forget_input(buf);
     return 0;
 }
 

@@ -1,6 +1,14 @@
-// Text dumps of link traffic on standard output, shared by the byte reader
-// and the modem dialogue.
+// Internals shared by the link's source files: the text dumps of link
+// traffic on standard output, and the reset of the reading state.
 #pragma once
+
+struct SerialBuf;
+
+// Forgets buffered input and partial reply matches (close, disconnect,
+// carrier loss all discard what was read but not yet handed out).
+void link_forget_input(SerialBuf *buf);
+// Back to open (state 2) with nothing buffered: disconnect and carrier loss.
+void link_back_to_open(SerialBuf *buf);
 
 // A printable ASCII character (space to tilde), the same set as isprint in
 // the C locale, fixed here so that no locale change alters the dumps.
