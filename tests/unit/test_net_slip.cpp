@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -120,13 +121,14 @@ TEST(NetSlip, SendBuildsExactFrame) {
         ASSERT_EQ(got.size(), 32u);
         EXPECT_EQ(raw.size(), 2 + 32 + std::count(got.begin(), got.end(), 0xC0) + std::count(got.begin(), got.end(), 0xDB));
         EXPECT_EQ(got[4] * 256 + got[5], id);  // identification, wrapping after 65535
-        // The source port is the field's host-order number sent most
-        // significant byte first: on a little-endian host the client's port
-        // goes out exchanged, and the reply port exchanges it back.
-        std::uint16_t v = link.sb->slip_port_src;
+        // The source port field holds the client's network-order bytes but
+        // is sent as a host-order number: on a little-endian host port 5331
+        // goes out exchanged (the reply port exchanges it back), on a
+        // big-endian one as it is.
+        const bool little = std::endian::native == std::endian::little;
+        const unsigned char sport_hi = little ? 0xD3 : 0x14, sport_lo = little ? 0x14 : 0xD3;
         Bytes want = {0x45, 0, 0, 32, 0, 0, 0x40, 0, 255, 17, got[10], got[11], 192, 168, 1, 7, 10, 0, 0, 1,
-                      static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v), 0x14, 0xD2, 0, 12,
-                      got[26], got[27], 0xC0, 'a', 0xDB, 'b'};
+                      sport_hi, sport_lo, 0x14, 0xD2, 0, 12, got[26], got[27], 0xC0, 'a', 0xDB, 'b'};
         want[4] = got[4], want[5] = got[5];
         EXPECT_EQ(got, want);
         unsigned short ipc, udpc;
