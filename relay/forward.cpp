@@ -150,9 +150,15 @@ Pass q330_write_once(Korvane *qpr) {
     // little-endian host the source port on the line is the client's port
     // with its bytes exchanged, and the reply comes back to that exchanged
     // port, which the datalogger reader exchanges back. Keep it so.
+    // The endpoint's mutex is held for the copy only because opening the
+    // link (done by whichever thread uses it first) also sets the source
+    // port; it is released before the write.
     SerialBuf *link = qpr->udp_q330->slip_buf;
-    memcpy(&link->slip_ipaddr_src, &pkt->srcaddr.sin_addr, 4);
-    memcpy(&link->slip_port_src, &pkt->srcaddr.sin_port, 2);
+    {
+        PthreadLock hold(&qpr->udp_q330->mutex);
+        memcpy(&link->slip_ipaddr_src, &pkt->srcaddr.sin_addr, 4);
+        memcpy(&link->slip_port_src, &pkt->srcaddr.sin_port, 2);
+    }
     if (udp_write(qpr->udp_q330, 0, nullptr, pkt->dst, pkt->buf, pkt->nbytes) < 0)
         elog_die(0, "korvane_run_q330_write_thread: udp_write() error.\n");
     free(pkt);
