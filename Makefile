@@ -106,3 +106,12 @@ package: armhf build-pkg/build.ninja
 .PHONY: cross-test
 cross-test:
 	JOBS=$(JOBS) scripts/cross-test
+
+# Benchmarks against the line's own limits (tools: scripts/deps bench):
+#   make bench     a few minutes; writes bench/REPORT.md and bench/latency.svg,
+#                  raw rows in bench/results.csv. Steadiest on a quiet machine.
+.PHONY: bench
+
+bench:
+	@scripts/deps bench
+	bench/run
