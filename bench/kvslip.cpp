@@ -118,5 +118,7 @@ int main(int argc, char **argv) {
     }
     int good = kvslip_measured(&b, count);
     std::printf("kvslip: %d of %d datagrams of %d bytes came back whole\n", good, count, size);
+    udp_free(b.udp);   // and the link with it
+    close(b.master);
     return good == count ? 0 : 1;
 }
