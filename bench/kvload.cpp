@@ -480,6 +480,19 @@ std::vector<double> arrived(const std::vector<double> &lat, size_t from, size_t 
     return out;
 }
 
+// The rate at which datagrams arrived between from and to, from the spacing
+// of the first and last arrival in that span: with the bottleneck busy from
+// the first datagram on, that is its capacity, and it does not depend on
+// where the span's edges fall between two arrivals.
+double delivered_rate(const Tally &t, double from, double to) {
+    std::vector<double> in;
+    for (double a : t.arrival_ns)
+        if (a >= from && a < to) in.push_back(a);
+    if (in.size() < 3) return static_cast<double>(in.size()) / ((to - from) / 1e9);
+    std::sort(in.begin(), in.end());
+    return static_cast<double>(in.size() - 1) / ((in.back() - in.front()) / 1e9);
+}
+
 // Rows for one direction's tally over a run whose schedule began at start.
 void report_tally(const Run &run, const Tally &t, double start) {
     const Options &o = run.opt;
@@ -489,17 +502,12 @@ void report_tally(const Run &run, const Tally &t, double start) {
     size_t tenth = std::max<size_t>(1, sent / 10);
     double growth = percentile(arrived(t.latency_ms, sent - tenth, sent), 0.5) -
                     percentile(arrived(t.latency_ms, 0, tenth), 0.5);
-    // The delivered rate once the queues have filled: arrivals after the
-    // first quarter of the run, over the rest of the sending time.
-    double from = start + o.seconds * 0.25e9, to = start + o.seconds * 1e9;
-    long late_arrivals = std::count_if(t.arrival_ns.begin(), t.arrival_ns.end(),
-                                       [&](double a) { return a >= from && a < to; });
+    row(o, "delivered_per_s", delivered_rate(t, start + o.seconds * 0.1e9, start + o.seconds * 1e9));
     row(o, "sent", static_cast<double>(sent));
     row(o, "received", static_cast<double>(t.received));
     row(o, "lost", static_cast<double>(static_cast<long>(sent) - t.received));
     row(o, "duplicates", static_cast<double>(t.duplicates));
     row(o, "corrupt", static_cast<double>(t.corrupt));
-    row(o, "delivered_per_s", static_cast<double>(late_arrivals) / (o.seconds * 0.75));
     row(o, "latency_min_ms", percentile(all, 0));
     row(o, "latency_median_ms", percentile(all, 0.5));
     row(o, "latency_p99_ms", percentile(all, 0.99));

@@ -133,6 +133,9 @@ def rtt_section(cells):
         "pauses again while any of the frame is missing. The pause overlaps the reply's line time, so at "
         "19200 and 38400 bit/s the floor is *below* line + 100 + 1; a frame of more than 1024 bytes (the "
         "1024-byte payload) needs a second pause even on an unpaced line.",
+        "- A reply frame of more than 1024 line bytes (a payload above about 990 bytes, escapes counted) "
+        "always costs a second 100 ms pause, on any line; below that, at 115200 bit/s and unpaced one "
+        "pause covers the whole reply.",
         "- *design floor, dlsim*: the same on dlsim's line, which lets an idle line through 10 ms of bytes "
         "at once, and 20 ms on its reading side. Overhead is measured against this one: it is what the "
         "code adds on this machine. The poll is counted as a whole 1 ms, so a sample can be up to 1 ms "
@@ -197,20 +200,22 @@ def throughput_section(data):
             f1(r["sat"].get("delivered_per_s")), f1(r["offered"]),
             f0(r["offered"] * bench.THROUGHPUT_SIZE), f0(r["offered"] * r["frame"]),
             result, f"{run.get('received', 0):.0f}/{run.get('sent', 0):.0f}",
-            f"{f1(run.get('latency_median_ms'))} / {f1(run.get('latency_p99_ms'))}",
+            f"{f1(run.get('latency_min_ms'))} / {f1(run.get('latency_median_ms'))} / "
+            f"{f1(run.get('latency_p99_ms'))}",
             f1(run.get("run_pct")), f1(run.get("bench_cpu_pct"))])
     head = ["direction", "line (bit/s)", "line ceiling (line B/s)", "reader ceiling (line B/s)",
             "limit that binds", "ceiling (datagrams/s)", "measured capacity (datagrams/s)",
             f"sustained {bench.SUSTAIN_SECONDS} s (datagrams/s)", "payload B/s", "line B/s", "result",
-            "received/sent", "one-way latency median / p99 (ms)", "relay CPU %", "kvload CPU %"]
+            "received/sent", "one-way latency min / median / p99 (ms)", "relay CPU %", "kvload CPU %"]
     return "\n".join([
         f"## 2. Sustained throughput, {bench.THROUGHPUT_SIZE}-byte payloads",
         "",
         "kvload (bench/kvload.cpp) holds the pseudo-terminal as the datalogger, paced like dlsim but "
         "without its idle-line catch-up, and is also the client, so it times each datagram one way on one "
         "clock. First each direction is offered 1.5 times its ceiling for "
-        f"{bench.SATURATE_SECONDS} s: the rate at which datagrams then arrive, once the queues are full, "
-        "is the measured capacity. Then 95% of that capacity is offered for "
+        f"{bench.SATURATE_SECONDS} s: the bottleneck is then busy from the first datagram on, and the rate "
+        "at which datagrams arrive (from the spacing of the first and last arrival after the first tenth "
+        "of the run) is the measured capacity. Then 95% of that capacity is offered for "
         f"{bench.SUSTAIN_SECONDS} s; it passes when every datagram arrives intact and the one-way latency "
         f"of the last tenth is within {f0(backlog_limit(data))} ms of the first tenth's "
         "(a queue that grows for the whole run would fail that). A run that fails is repeated at 85% "
