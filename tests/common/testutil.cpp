@@ -2,19 +2,16 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -24,9 +21,17 @@
 namespace testutil {
 
 long long now_ms() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// Asks done() every 10 ms until it says true or timeout_ms pass; false then.
+template <class Done>
+static bool poll_until(int timeout_ms, Done done) {
+    for (long long end = now_ms() + timeout_ms;; usleep(10000)) {
+        if (done()) return true;
+        if (now_ms() >= end) return false;
+    }
 }
 
 TempDir::TempDir() {
@@ -41,8 +46,7 @@ TempDir::~TempDir() {
 }
 
 void TempDir::write(const std::string &name, const std::string &content) const {
-    std::ofstream f(file(name), std::ios::binary);
-    f << content;
+    std::ofstream(file(name), std::ios::binary) << content;
 }
 
 PtyPair::PtyPair() {
@@ -76,6 +80,7 @@ void write_all(int fd, const void *data, size_t n) {
     }
 }
 
+// Appends what one read gives once fd is readable within wait_ms; false when nothing came.
 static bool read_some(int fd, std::string *out, int wait_ms) {
     struct pollfd p = {fd, POLLIN, 0};
     if (poll(&p, 1, wait_ms) <= 0 || !(p.revents & POLLIN)) return false;
@@ -88,43 +93,36 @@ static bool read_some(int fd, std::string *out, int wait_ms) {
 
 std::string read_for(int fd, int quiet_ms, int total_ms) {
     std::string out;
-    long long end = now_ms() + total_ms;
-    while (now_ms() < end) {
-        int left = static_cast<int>(end - now_ms());
-        if (!read_some(fd, &out, std::min(quiet_ms, left))) break;
-    }
+    for (long long end = now_ms() + total_ms; now_ms() < end;)
+        if (!read_some(fd, &out, static_cast<int>(std::min<long long>(quiet_ms, end - now_ms()))))
+            break;
     return out;
 }
 
 std::string read_at_least(int fd, size_t n, int total_ms) {
     std::string out;
     long long end = now_ms() + total_ms;
-    while (out.size() < n && now_ms() < end)
-        read_some(fd, &out, static_cast<int>(std::max(1LL, end - now_ms())));
+    while (out.size() < n && now_ms() < end) read_some(fd, &out, std::max(1LL, end - now_ms()));
     return out;
 }
 
 static std::string slurp(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
-static pid_t spawn(const std::vector<std::string> &argv, const std::string &cwd,
-                   const std::string &out_path, const std::string &err_path) {
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-    int in = open("/dev/null", O_RDONLY);
-    int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+Child::Child(const std::vector<std::string> &argv, const std::string &cwd) {
+    // Everything the child needs is made before fork: only async-signal-safe
+    // calls are sure to work in the child of a process with threads.
     std::vector<char *> args;
     for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
+    std::string out_path = io.file("out"), err_path = io.file("err");
+    if ((pid = fork()) != 0) return;
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     // Children start with default signal dispositions whatever the test did.
     signal(SIGPIPE, SIG_DFL);
     signal(SIGALRM, SIG_DFL);
@@ -135,71 +133,25 @@ static pid_t spawn(const std::vector<std::string> &argv, const std::string &cwd,
     _exit(127);
 }
 
-static int decode_status(int st) {
-    if (WIFEXITED(st)) return WEXITSTATUS(st);
-    if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
-    return -1;
-}
-
-static int wait_pid(pid_t pid, int timeout_ms) {
-    long long end = now_ms() + timeout_ms;
-    for (;;) {
-        int st;
-        pid_t r = waitpid(pid, &st, WNOHANG);
-        if (r == pid) return decode_status(st);
-        if (now_ms() >= end) return -1;
-        usleep(5000);
-    }
-}
-
-RunResult run_program(const std::vector<std::string> &argv, const std::string &cwd,
-                      int timeout_ms) {
-    TempDir io;
-    RunResult r;
-    pid_t pid = spawn(argv, cwd, io.file("out"), io.file("err"));
-    r.status = wait_pid(pid, timeout_ms);
-    if (r.status < 0) {
-        kill(pid, SIGKILL);
-        r.status = wait_pid(pid, 10000);
-    }
-    r.out = slurp(io.file("out"));
-    r.err = slurp(io.file("err"));
-    return r;
-}
-
-Child::Child(const std::vector<std::string> &argv, const std::string &cwd) {
-    char tmpl[] = "/tmp/korvane-child-XXXXXX";
-    int fd = mkstemp(tmpl);
-    close(fd);
-    err_path = tmpl;
-    out_path = err_path + ".out";
-    pid = spawn(argv, cwd, out_path, err_path);
-}
-
 Child::~Child() {
     if (pid > 0) stop(SIGKILL);
-    unlink(err_path.c_str());
-    unlink(out_path.c_str());
 }
 
-std::string Child::err() const { return slurp(err_path); }
-std::string Child::out() const { return slurp(out_path); }
-
-static bool wait_text(const Child &c, bool err, const std::string &text, int timeout_ms) {
-    long long end = now_ms() + timeout_ms;
-    do {
-        if ((err ? c.err() : c.out()).find(text) != std::string::npos) return true;
-        usleep(10000);
-    } while (now_ms() < end);
-    return false;
-}
+std::string Child::err() const { return slurp(io.file("err")); }
+std::string Child::out() const { return slurp(io.file("out")); }
 
 bool Child::wait_for_err(const std::string &text, int timeout_ms) const {
-    return wait_text(*this, true, text, timeout_ms);
+    return poll_until(timeout_ms, [&] { return err().find(text) != std::string::npos; });
+}
+bool Child::wait_for_out(const std::string &text, int timeout_ms) const {
+    return poll_until(timeout_ms, [&] { return out().find(text) != std::string::npos; });
 }
 
-bool Child::wait_for_out(const std::string &text, int timeout_ms) const {
-    return wait_text(*this, false, text, timeout_ms);
+// Reaps pid within timeout_ms: its exit status, 128 + the signal that ended it, or -1.
+static int wait_pid(pid_t pid, int timeout_ms) {
+    int st = 0;
+    if (!poll_until(timeout_ms, [&] { return waitpid(pid, &st, WNOHANG) == pid; })) return -1;
+    return WIFSIGNALED(st) ? 128 + WTERMSIG(st) : WEXITSTATUS(st);
 }
 
 int Child::stop(int sig) {
@@ -215,45 +167,54 @@ int Child::stop(int sig) {
 }
 
 int Child::wait_exit(int timeout_ms) {
-    if (pid <= 0) return -1;
-    int st = wait_pid(pid, timeout_ms);
+    int st = pid > 0 ? wait_pid(pid, timeout_ms) : -1;
     if (st >= 0) pid = -1;
     return st;
 }
 
-static int free_port(int type) {
-    int fd = socket(AF_INET, type, 0);
-    struct sockaddr_in a {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
+RunResult run_program(const std::vector<std::string> &argv, const std::string &cwd,
+                      int timeout_ms) {
+    Child c(argv, cwd);
+    RunResult r;
+    r.status = c.wait_exit(timeout_ms);
+    if (r.status < 0) r.status = c.stop(SIGKILL);
+    r.out = c.out();
+    r.err = c.err();
+    return r;
 }
 
-int free_udp_port() { return free_port(SOCK_DGRAM); }
-int free_tcp_port() { return free_port(SOCK_STREAM); }
-
-int udp_socket_loopback(int *port) {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    struct sockaddr_in a {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
-        throw std::runtime_error("bind failed");
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    if (port) *port = ntohs(a.sin_port);
-    return fd;
-}
-
-void udp_send_to(int fd, int port, const std::string &payload) {
+static sockaddr_in loopback(int port) {
     struct sockaddr_in a {};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(static_cast<uint16_t>(port));
+    return a;
+}
+
+// A socket of type bound to an ephemeral port of 127.0.0.1; stores the port.
+static int bound_loopback(int type, int *port) {
+    int fd = socket(AF_INET, type, 0);
+    struct sockaddr_in a = loopback(0);
+    socklen_t len = sizeof a;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0)
+        throw std::runtime_error("bind to 127.0.0.1 failed");
+    if (port) *port = ntohs(a.sin_port);
+    return fd;
+}
+
+static int free_port(int type) {
+    int port = 0;
+    close(bound_loopback(type, &port));
+    return port;
+}
+
+int free_udp_port() { return free_port(SOCK_DGRAM); }
+int free_tcp_port() { return free_port(SOCK_STREAM); }
+int udp_socket_loopback(int *port) { return bound_loopback(SOCK_DGRAM, port); }
+
+void udp_send_to(int fd, int port, const std::string &payload) {
+    struct sockaddr_in a = loopback(port);
     if (sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr *>(&a),
                sizeof a) != static_cast<ssize_t>(payload.size()))
         throw std::runtime_error("sendto failed");
@@ -272,24 +233,18 @@ bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port) {
     return true;
 }
 
-bool wait_udp_bound(int port, int timeout_ms) {
-    char needle[16];
-    snprintf(needle, sizeof needle, ":%04X ", port);
-    long long end = now_ms() + timeout_ms;
-    do {
-        std::string table = slurp("/proc/net/udp");
-        // Only the local_address column (the second field) counts.
-        std::istringstream lines(table);
-        std::string line;
-        while (std::getline(lines, line)) {
-            std::istringstream fields(line);
-            std::string slot, local;
-            fields >> slot >> local;
-            if ((local + " ").find(needle) != std::string::npos) return true;
+bool wait_udp_bound(int port, int timeout_ms, pid_t pid) {
+    char suffix[8];
+    snprintf(suffix, sizeof suffix, ":%04X", port);
+    std::string table = "/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/net/udp";
+    return poll_until(timeout_ms, [&] {
+        std::ifstream f(table);
+        for (std::string row, slot, local; std::getline(f, row);) {
+            std::istringstream(row) >> slot >> local;  // only the local address counts
+            if (local.ends_with(suffix)) return true;
         }
-        usleep(10000);
-    } while (now_ms() < end);
-    return false;
+        return false;
+    });
 }
 
 }  // namespace testutil
