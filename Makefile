@@ -57,7 +57,7 @@ demo: deps build
 	scripts/demo
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz
 
 # Deployment (tools: scripts/deps package):
 #   make install   the relay, the tools, man pages, example parameter file and
