@@ -12,13 +12,10 @@
 
 namespace {
 
+// Every put in this program reads the time from fake_time.
 std::atomic<double> fake_time{0.0};
-double fake_now() { return fake_time.load(); }
-
-struct TAverageTest : testing::Test {
-    void SetUp() override { taverage_set_clock(fake_now); }
-    void TearDown() override { taverage_set_clock(nullptr); }
-};
+[[maybe_unused]] const bool clock_is_fake =
+    (taverage_set_clock([] { return fake_time.load(); }), true);
 
 void put_at(TAverage *avg, double now, double value) {
     fake_time = now;
@@ -26,16 +23,16 @@ void put_at(TAverage *avg, double now, double value) {
 }
 std::vector<double> slots(const TAverage *avg, int n) { return {avg->bins, avg->bins + n}; }
 
-// Asks (time - twin, time] and checks the covered bounds, sum and average returned.
+// Asks (time - twin, time]; checks the covered bounds and sum, then the average.
 void expect_get(TAverage *avg, double time, double twin, std::vector<double> want) {
     SCOPED_TRACE("get " + std::to_string(time) + " " + std::to_string(twin));
     double sum = -1, ave = -1;
     EXPECT_EQ(taverage_get(avg, &time, &twin, &sum, &ave), 0);
-    EXPECT_EQ((std::vector<double>{time, twin, sum}), (std::vector<double>(want.begin(), want.begin() + 3)));
+    EXPECT_EQ((std::vector<double>{time, twin, sum}), std::vector<double>(&want[0], &want[3]));
     EXPECT_DOUBLE_EQ(ave, want[3]);
 }
 
-TEST_F(TAverageTest, BinnedPutsAndGets) {
+TEST(TAverage, BinnedPutsAndGets) {
     TAverage *avg = taverage_create(1000, 10, 5);  // newest bin ends at 1010
     put_at(avg, 1005, 1);    // 5 s before the end: bin 0
     put_at(avg, 1010, 2);    // exactly at the end: still bin 0
@@ -44,10 +41,10 @@ TEST_F(TAverageTest, BinnedPutsAndGets) {
     put_at(avg, 960, 16);    // 60 s before: bin 6 does not exist, dropped
     EXPECT_EQ(avg->time, 1020);
     EXPECT_EQ(slots(avg, 5), (std::vector<double>{4, 3, 8, 0, 0}));
-    // Past: end bin (int)(15/10) = 1 -> 1010; start bin (int)((25-0.001)/10) = 2 -> 990; 11 over 20 s.
+    // Past: end bin (int)(15/10) = 1 -> 1010; start (int)((25-0.001)/10) = 2 -> 990; 11 in 20 s.
     expect_get(avg, 1005, 10, {1010, 20, 11, 0.55});
     expect_get(avg, 1020, 20, {1020, 20, 7, 0.35});
-    // Future: end bin -((int)((15-0.001)/10)+1) = -2 -> 1040; start bin 1 -> 1000; the sum starts at bin 0.
+    // Future: end bin -((int)((15-0.001)/10)+1) = -2 -> 1040; start bin 1 -> 1000; sums from bin 0.
     expect_get(avg, 1035, 30, {1040, 40, 7, 7.0 / 40});
     // A start 0.5 ms before the 1010 edge counts as on it: (int)((10.0005-0.001)/10) = bin 0.
     expect_get(avg, 1020, 10.0005, {1020, 10, 4, 0.4});
@@ -65,10 +62,10 @@ TEST_F(TAverageTest, BinnedPutsAndGets) {
     taverage_destroy(avg);
 }
 
-TEST_F(TAverageTest, EventsExpireAndGrow) {
+TEST(TAverage, EventsExpireAndGrow) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(taverage_create(0, 0, 5), nullptr);
-    EXPECT_EQ(taverage_create(0, 1, 0), nullptr);  // binned needs a bin; events default to 100 slots
+    EXPECT_EQ(taverage_create(0, 1, 0), nullptr);  // binned needs a bin; events get 100 slots
     elog_clear_register(1);
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("taverage_create: tbin cannot be == 0"), std::string::npos) << err;
@@ -77,7 +74,7 @@ TEST_F(TAverageTest, EventsExpireAndGrow) {
     ASSERT_EQ(avg->nbin, 100);
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
     EXPECT_EQ(slots(avg, 4), (std::vector<double>{1002, 1001, 1000, 0}));
-    expect_get(avg, 1002, 1.5, {1002, 1.5, 2, 0});   // 1002 and 1001; the walk stops at 1000
+    expect_get(avg, 1002, 1.5, {1002, 1.5, 2, 0});    // 1002 and 1001; the walk stops at 1000
     expect_get(avg, 1001.5, 10, {1001.5, 10, 2, 0});  // 1002 lies after the end: skipped
     put_at(avg, 1011, 0);  // 1000 is 11 s old and goes; 1001 is exactly 10 s old and stays
     EXPECT_EQ(slots(avg, 4), (std::vector<double>{1011, 1002, 1001, 0}));
@@ -91,7 +88,7 @@ TEST_F(TAverageTest, EventsExpireAndGrow) {
     EXPECT_EQ(taverage_destroy(avg) + taverage_destroy(nullptr), 0);
 }
 
-TEST_F(TAverageTest, ThreadsPutAndGetAtOnce) {
+TEST(TAverage, ThreadsPutAndGetAtOnce) {
     fake_time = 100.5;
     TAverage *binned = taverage_create(100, 1, 10), *events = taverage_create(60, -1, 0);
     std::vector<std::thread> threads;
