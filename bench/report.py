@@ -138,8 +138,8 @@ def rtt_section(cells):
         "pause covers the whole reply.",
         "- *design floor, dlsim*: the same on dlsim's line, which lets an idle line through 10 ms of bytes "
         "at once, and 20 ms on its reading side. Overhead is measured against this one: it is what the "
-        "code adds on this machine. The poll is counted as a whole 1 ms, so a sample can be up to 1 ms "
-        "below the floor.",
+        "code adds on this machine. The poll is counted as a whole 1 ms, so a sample can lie up to 1 ms "
+        "below the floor, and a little more with dlsim's own timing slack.",
     ])
 
 
@@ -261,7 +261,7 @@ def idle_section(data):
         "one thread per port doing only what an idle host reader is designed to do: one non-blocking "
         "receive, then a 1 ms pause; and the same with two receives per pause. Everything in this table "
         "ran side by side, which lowers the cost of a wake-up compared with a machine that is otherwise "
-        "idle (see the strace section).",
+        "idle.",
         "",
         table(head, rows),
     ])
@@ -274,8 +274,7 @@ def per_datagram_section(data):
         got = run.get("received", 0)
         if not got or not run.get("run_pct") or "idle_run_pct" not in run:
             continue
-        seconds = run["run_ms_per_1000"] * got / 1e6 / (run["run_pct"] / 100)
-        net = (run["run_pct"] - run["idle_run_pct"]) / 100 * seconds / got * 1e6
+        net = net_us_per_datagram(run)
         rows.append(["client -> datalogger" if r["direction"] == "up" else "datalogger -> client",
                      line_name(r["baud"]), f1(r["offered"]), f0(got), f2(run["idle_run_pct"]),
                      f2(run["run_pct"]), f2(run.get("cpu_ms_per_1000")), f2(run["run_ms_per_1000"]), f2(net)])
@@ -338,7 +337,8 @@ def memory_section(data):
         per_entry.append(b * 1024)
         rows.append([i + 1, f0(d.get("clients_seen")), f0(pts[0][1]), f0(pts[-1][1]), f0(total),
                      f0(b * 1024), f1(noise)])
-    spread = f"{min(per_entry):.0f} to {max(per_entry):.0f}" if per_entry else "n/a"
+    spread = "n/a" if not per_entry else f"{min(per_entry):.0f}" if round(min(per_entry)) == round(max(per_entry)) \
+        else f"{min(per_entry):.0f} to {max(per_entry):.0f}"
     return "\n".join([
         "## 4. Memory",
         "",
@@ -359,7 +359,8 @@ def memory_section(data):
         table(["run", "clients seen", "VmRSS before (kB)", "VmRSS after (kB)", "B per entry (total)",
                "B per entry (slope)", "noise (kB)"], rows),
         "",
-        f"Per entry: {spread} bytes across the runs.",
+        f"Per entry: {spread} bytes (slope) across the runs: one std::map node with its short key, "
+        "as malloc rounds it.",
     ])
 
 
@@ -453,8 +454,8 @@ def header(data):
         "",
         "Load average (1 min) at the start and after each part: "
         + ", ".join(f"{k} {v:.2f}" for k, v in loads)
-        + ". Other developers were compiling on the same two cores; latencies in the tails and the idle "
-        "figures move with that.",
+        + ". The two cores are shared with other developers' builds and tests (part of the load above is "
+        "the bench itself); latencies in the tails and the idle figures move with that.",
         "",
         "Raw rows: bench/results.csv (not kept in git). Picture: bench/latency.svg.",
     ])
@@ -474,12 +475,12 @@ def main():
 
 def headline(data, cells):
     by = {(c["baud"], c["size"]): c for c in cells}
-    rtt = []
+    real, measured = [], []
     for baud in LINES:
         c = by.get((baud, 512))
         if c:
-            rtt.append(f"{line_name(baud)}: {f0(statistics.median(c['samples']))} ms on dlsim's line, "
-                       f"{f0(c['real'])} ms to expect on a real line")
+            real.append(f"{line_name(baud)}{' bit/s' if baud else ''}: {f0(c['real'])} ms")
+            measured.append(f0(statistics.median(c["samples"])))
     worst = max((abs(statistics.median(c["samples"]) - c["sim"]) for c in cells), default=math.nan)
     tp = {(r["direction"], r["baud"]): r for r in throughput_rows(data)}
     down115, up115 = tp.get(("down", 115200)), tp.get(("up", 115200))
@@ -490,10 +491,11 @@ def headline(data, cells):
     lines = [
         "## Headlines",
         "",
-        f"- **Round trip, 512-byte payload** (median): {'; '.join(rtt)} (the design's floor there: dlsim's "
-        f"line is a little faster than a real one). Across all {len(cells)} cells the median is within "
-        f"{f1(worst)} ms of the design's own floor: the code adds no latency that this bench can see; the "
-        "line and the 100 ms pre-read pause are the whole of it.",
+        f"- **Round trip of a 512-byte datagram to expect on a real line**: {', '.join(real)}. That is the "
+        "design's own floor (line time, the 100 ms pre-read pause, the 1 ms poll): across all "
+        f"{len(cells)} cells measured here the median sat within {f1(worst)} ms of the floor, so the code "
+        "adds no latency that this bench can see. (Measured medians on dlsim's slightly faster line: "
+        f"{' / '.join(measured)} ms.)",
         "- **Which limit binds**: client -> datalogger, the line at every speed. Datalogger -> client, the "
         "line at 19200 and 38400 bit/s, and the link reader's 1024 bytes per 100 ms pause (10,240 line B/s) "
         "at 115200, where the line itself would carry 11,520 B/s"
@@ -501,8 +503,9 @@ def headline(data, cells):
            f"{f1(up115['sat'].get('delivered_per_s'))} the other way." if down115 and up115 else "."),
         f"- **CPU, idle**: {idle[0]} / {idle[1]} / {idle[2]} % of one core with 1 / 4 / 16 ports, nearly all "
         "of it the designed 1 ms polls (about 1000 wake-ups a second per port)"
-        + (f"; forwarding costs about {f0(1000 * up0['run_ms_per_1000'] / 1000)} µs of CPU per datagram "
-           f"at {f0(up0.get('delivered_per_s'))} datagrams/s." if up0.get("run_ms_per_1000") else "."),
+        + (f"; forwarding costs about {f1(net_us_per_datagram(up0))} µs of CPU per datagram (client -> "
+           f"datalogger, {f0(up0.get('delivered_per_s'))} datagrams/s, net of idle polling)."
+           if math.isfinite(net_us_per_datagram(up0)) else "."),
         f"- **Memory**: VmHWM {f0(find(data, 'idle', ports=1).get('vmhwm_kb'))} kB idle with one port; the "
         "routing map grows about "
         + (f"{f0(statistics.median(route_slopes(routes)))} bytes per distinct client." if routes else "n/a."),
@@ -511,6 +514,15 @@ def headline(data, cells):
         "- **Found in the code** (details at the end): " + "; ".join(finding_titles(data)) + ".",
     ]
     return "\n".join(lines)
+
+
+def net_us_per_datagram(run):
+    """CPU per datagram of a sustained run, the same relay's idle rate taken away."""
+    got = run.get("received", 0)
+    if not got or not run.get("run_pct") or "idle_run_pct" not in run:
+        return math.nan
+    seconds = run["run_ms_per_1000"] * got / 1e6 / (run["run_pct"] / 100)
+    return (run["run_pct"] - run["idle_run_pct"]) / 100 * seconds / got * 1e6
 
 
 def route_slopes(routes):
@@ -553,6 +565,21 @@ def finding_titles(data):
     return titles or ["nothing above the design's floors"]
 
 
+def second_receive_cost(data):
+    """What the second receive costs at the most ports, from the two bare loops."""
+    n = max(bench.IDLE_PORTS)
+    relay, one, two = (find(data, t, ports=n) for t in ("idle", "bareloop1", "bareloop2"))
+    wake = relay.get("wakeups_per_s")
+    if not wake or "run_pct" not in one or "run_pct" not in two:
+        return ""
+    second = 1e6 * (two["run_pct"] - one["run_pct"]) / 100 / two["wakeups_per_s"]
+    excess = 1e6 * (relay["run_pct"] - one["run_pct"]) / 100 / wake
+    share = 100 * second * wake / 1e6 / (relay["run_pct"] / 100)
+    return (f"With {n} ports the second receive costs {f2(second)} µs per poll (two-receive loop minus "
+            f"one-receive loop), of the {f2(excess)} µs per poll that the relay spends above the one-receive "
+            f"loop: about {f0(share)}% of the relay's idle CPU.")
+
+
 def findings(data):
     out = ["## What the code adds, and what to change", "",
            "The design's own costs (the 1 ms polls, the 100 ms pause, the 1024-byte buffer, a packet record "
@@ -568,14 +595,15 @@ def findings(data):
         out += ["", "### 1. An idle host reader receives twice per poll", "",
                 f"Evidence: strace counts {f2(ratio)} recvfrom calls per 1 ms pause of an idle relay "
                 "(section 3), all of them failing with EAGAIN; and the relay's idle CPU matches a bare loop "
-                "that receives twice per pause, not one that receives once: " + "; ".join(rows) + ".",
+                "that receives twice per pause, not one that receives once: " + "; ".join(rows) + ". "
+                + second_receive_cost(data),
                 "",
                 f"Cause: {where('net/udp.cpp', 'int socket_receive(')} (socket_receive). A poll "
                 "(udp_read with a negative time-out, as every host reader calls it) tries recvfrom once; on "
                 "EAGAIN it skips the wait, as it should, but then tries recvfrom a second time before it "
                 "answers 3 (nothing waiting). The second try can only find a datagram that arrived in the "
-                "microsecond since the first, and such a datagram is read 1 ms later by the next poll anyway, "
-                "exactly as one arriving just after the second try is today.",
+                "microsecond since the first; without it such a datagram is read by the next poll, 1 ms "
+                "later, as one that arrives just after the second try is today.",
                 "",
                 "Proposed fix: in socket_receive, right after the first try, "
                 "`if (r != kAgain) return r; if (*timeout < 0) return UDP_READ_NOTHING;`. Results, messages "
