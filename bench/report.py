@@ -283,7 +283,7 @@ def per_datagram_section(data):
     return "\n".join([
         "### Per 1000 datagrams forwarded",
         "",
-        f"From the sustained runs of part 2 (one port, {bench.THROUGHPUT_SIZE}-byte payloads). Each relay "
+        f"From the sustained runs of section 2 (one port, {bench.THROUGHPUT_SIZE}-byte payloads). Each relay "
         f"was first measured idle for {bench.BASELINE_SECONDS} s; *net of idle* takes that rate away for "
         "the run's length. At a few datagrams a second the idle polling is most of the total and the net "
         "figure is the difference of two small, noisy numbers; the unpaced client -> datalogger run, with "
