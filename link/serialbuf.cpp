@@ -285,7 +285,10 @@ static int dump_read(SerialBuf *buf, int n) {
 }
 
 // Refills the read buffer with one read after the wait and the pre-read sleep.
-static int refill(SerialBuf *buf, int intr) {
+// Kept out of line: inlined, it would make every byte handed out from the
+// buffer pay the refill path's register saves (the hottest loop of the
+// datalogger-to-client direction).
+__attribute__((noinline)) static int refill(SerialBuf *buf, int intr) {
     buf->ptr = 0;
     buf->occupied = 0;
     int ret = wait_for_data(buf, intr);
