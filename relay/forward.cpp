@@ -132,6 +132,33 @@ Pass q330_read_once(Korvane *qpr) {
     return Pass::worked;
 }
 
+// Makes the datalogger see the client as the sender of the next frame. The
+// bytes are copied as they lie (network order): the SLIP layer reads the
+// address as network-order bytes but the port as a host-order number, so on
+// a little-endian host the source port on the line is the client's port with
+// its bytes exchanged, and the reply comes back to that exchanged port,
+// which the datalogger reader exchanges back. Keep it so.
+//
+// Opening the link also sets its source port (to the local port, 0), so a
+// copy made before the first open would be overwritten on the way out. The
+// datalogger reader opens the link as soon as the threads are released;
+// until then this waits, under the endpoint's mutex that guards the open,
+// and the mutex is released before the write.
+void set_line_source(UDP *q330, const KorvanePkt *pkt) {
+    for (;;) {
+        {
+            PthreadLock hold(&q330->mutex);
+            if (q330->fd >= 0) {
+                SerialBuf *link = q330->slip_buf;
+                memcpy(&link->slip_ipaddr_src, &pkt->srcaddr.sin_addr, 4);
+                memcpy(&link->slip_port_src, &pkt->srcaddr.sin_port, 2);
+                return;
+            }
+        }
+        serialbuf_usleep(kIdleUsec);
+    }
+}
+
 Pass q330_write_once(Korvane *qpr) {
     KorvanePkt *pkt = nullptr;
     if (pmtfifo_pop(qpr->mtfifo, reinterpret_cast<void **>(&pkt)) < 0) {
@@ -144,21 +171,7 @@ Pass q330_write_once(Korvane *qpr) {
         snprintf(header, sizeof header, "QWR:%s->%s:", pkt->src, pkt->dst);
         dump_datagram(header, "QWR:", pkt->buf, pkt->nbytes);
     }
-    // The datalogger must see the client as the sender. The bytes are copied
-    // as they lie (network order): the SLIP layer reads the address as
-    // network-order bytes but the port as a host-order number, so on a
-    // little-endian host the source port on the line is the client's port
-    // with its bytes exchanged, and the reply comes back to that exchanged
-    // port, which the datalogger reader exchanges back. Keep it so.
-    // The endpoint's mutex is held for the copy only because opening the
-    // link (done by whichever thread uses it first) also sets the source
-    // port; it is released before the write.
-    SerialBuf *link = qpr->udp_q330->slip_buf;
-    {
-        PthreadLock hold(&qpr->udp_q330->mutex);
-        memcpy(&link->slip_ipaddr_src, &pkt->srcaddr.sin_addr, 4);
-        memcpy(&link->slip_port_src, &pkt->srcaddr.sin_port, 2);
-    }
+    set_line_source(qpr->udp_q330, pkt);
     if (udp_write(qpr->udp_q330, 0, nullptr, pkt->dst, pkt->buf, pkt->nbytes) < 0)
         elog_die(0, "korvane_run_q330_write_thread: udp_write() error.\n");
     free(pkt);
