@@ -20,13 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#define FUZZ_CHECK(cond)                                                          \
-    do {                                                                          \
-        if (!(cond)) {                                                            \
-            std::fprintf(stderr, "fuzz_pf: %s:%d: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                         \
-        }                                                                         \
-    } while (0)
+#include "fuzz_check.h"
 
 namespace {
 

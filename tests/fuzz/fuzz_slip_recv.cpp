@@ -37,13 +37,7 @@
 #include <cstring>
 #include <vector>
 
-#define FUZZ_CHECK(cond)                                                                 \
-    do {                                                                                 \
-        if (!(cond)) {                                                                   \
-            std::fprintf(stderr, "fuzz_slip_recv: %s:%d: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                \
-        }                                                                                \
-    } while (0)
+#include "fuzz_check.h"
 
 namespace {
 
