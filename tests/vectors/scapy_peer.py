@@ -2,7 +2,7 @@
 """scapy as an independent IPv4/UDP peer for the codec tests.
 
   build   prints packets that scapy builds, one per line: hex, then fields
-  check   reads hex packets on stdin; prints the fields scapy parses, then
+  check   takes hex packets as arguments; prints the fields scapy parses, then
           ok=II, one digit per checksum (IP, UDP): 1 when the checksum scapy
           recomputes matches the stored one
 Fields: ihl len id frag ttl src dst sport dport ulen ipsum udpsum.
@@ -36,8 +36,8 @@ if sys.argv[1] == "build":
     for pkt in CASES:
         print(raw(pkt).hex(), fields(IP(raw(pkt))))
 else:
-    for line in filter(None, (l.strip() for l in sys.stdin)):
-        got = IP(bytes.fromhex(line))
+    for packet in sys.argv[2:]:
+        got = IP(bytes.fromhex(packet))
         again = got.copy()
         del again.chksum, again[UDP].chksum
         fresh = IP(raw(again))
