@@ -29,9 +29,8 @@ READ_BUFFER = 1024    # and reads at most this many bytes at a time
 POLL_MS = 1.0         # a host reader pauses this long after an empty poll
 BITS_PER_BYTE = 10    # start, 8 data bits, stop
 # dlsim paces its pseudo-terminal but lets an idle line catch up 10 ms of
-# bytes at once; on its reading side that happens twice in a row, because
-# the allowance is reckoned before its wait and spent after it.
-SIM_READ_CREDIT_MS = 20.0
+# bytes at once, on each side.
+SIM_READ_CREDIT_MS = 10.0
 SIM_WRITE_CREDIT_MS = 10.0
 
 BAUDS = [0, 19200, 38400, 115200]
