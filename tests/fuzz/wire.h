@@ -52,7 +52,7 @@ inline bool receiver_sums(const unsigned char *f, std::size_t n, Sums *s) {
 // SLIP receiving a byte at a time: ENDs around nothing are ignored; a bad
 // escape abandons the frame with its byte, and so does a 2049th byte. feed is
 // true when an END closes a frame, kept in `frame` until the next byte; raw
-// counts the line bytes taken since the last frame ended.
+// counts the line bytes since the last frame ended or was abandoned.
 struct Unslip {
     Bytes frame;
     std::size_t raw = 0;
