@@ -63,8 +63,9 @@ if(NOT KORVANE_DEB_ARCH)
   execute_process(COMMAND dpkg --print-architecture
     OUTPUT_VARIABLE KORVANE_DEB_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 endif()
-set(KORVANE_MAINTAINER "korvane developers <korvane@example.org>"
-  CACHE STRING "Maintainer field of the .deb packages")
+# The one maintainer identity, also in packaging/changelog and
+# packaging/copyright.
+set(KORVANE_MAINTAINER "korvane developers <korvane@example.org>")
 
 # The package's changelog must speak of the version being packaged.
 file(STRINGS ${KORVANE_PACKAGING}/changelog korvane_changelog_top LIMIT_COUNT 1)
