@@ -28,17 +28,34 @@ function(korvane_gzip source output)
     VERBATIM)
 endfunction()
 
-file(MAKE_DIRECTORY ${KORVANE_GENERATED})
-korvane_gzip(${PROJECT_SOURCE_DIR}/docs/korvane.1 ${KORVANE_GENERATED}/korvane.1.gz)
-korvane_gzip(${PROJECT_SOURCE_DIR}/docs/korvane.pf.5 ${KORVANE_GENERATED}/korvane.pf.5.gz)
-korvane_gzip(${KORVANE_PACKAGING}/changelog ${KORVANE_GENERATED}/changelog.gz)
-add_custom_target(korvane_docs ALL DEPENDS
-  ${KORVANE_GENERATED}/korvane.1.gz
-  ${KORVANE_GENERATED}/korvane.pf.5.gz
-  ${KORVANE_GENERATED}/changelog.gz)
+# The manual pages get the version of the project() line in their .TH line
+# (packaging/manpage.cmake), then are compressed.
+set(KORVANE_MANPAGES)
+function(korvane_manpage source section)
+  get_filename_component(name ${source} NAME)
+  set(page ${KORVANE_GENERATED}/${name})
+  add_custom_command(OUTPUT ${page}.gz
+    COMMAND ${CMAKE_COMMAND} -DSOURCE=${source} -DOUTPUT=${page} -DVERSION=${PROJECT_VERSION}
+            -P ${KORVANE_PACKAGING}/manpage.cmake
+    COMMAND sh -c "gzip -9n -c '${page}' > '${page}.gz'"
+    DEPENDS ${source} ${KORVANE_PACKAGING}/manpage.cmake
+    VERBATIM)
+  install(FILES ${page}.gz DESTINATION share/man/man${section})
+  set(KORVANE_MANPAGES ${KORVANE_MANPAGES} ${page}.gz PARENT_SCOPE)
+endfunction()
 
-install(FILES ${KORVANE_GENERATED}/korvane.1.gz DESTINATION share/man/man1)
-install(FILES ${KORVANE_GENERATED}/korvane.pf.5.gz DESTINATION share/man/man5)
+file(MAKE_DIRECTORY ${KORVANE_GENERATED})
+korvane_manpage(${PROJECT_SOURCE_DIR}/docs/korvane.1 1)
+korvane_manpage(${PROJECT_SOURCE_DIR}/docs/korvane.pf.5 5)
+# A tool's page only with the tool.
+foreach(tool dlsim dlping)
+  if(TARGET ${tool})
+    korvane_manpage(${PROJECT_SOURCE_DIR}/docs/${tool}.1 1)
+  endif()
+endforeach()
+korvane_gzip(${KORVANE_PACKAGING}/changelog ${KORVANE_GENERATED}/changelog.gz)
+add_custom_target(korvane_docs ALL DEPENDS ${KORVANE_MANPAGES} ${KORVANE_GENERATED}/changelog.gz)
+
 install(FILES
   ${PROJECT_SOURCE_DIR}/docs/korvane.pf.example
   ${KORVANE_PACKAGING}/copyright
