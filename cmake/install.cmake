@@ -80,6 +80,20 @@ if(NOT KORVANE_DEB_ARCH)
   execute_process(COMMAND dpkg --print-architecture
     OUTPUT_VARIABLE KORVANE_DEB_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 endif()
+# A 32-bit box must outlive January 2038: refuse to build for it with a
+# 32-bit time_t (cmake/toolchain-armhf.cmake asks for the 64-bit one).
+if(KORVANE_DEB_ARCH STREQUAL "armhf")
+  include(CheckCXXSourceCompiles)
+  check_cxx_source_compiles([[
+#include <sys/types.h>
+#include <ctime>
+static_assert(sizeof(std::time_t) == 8 && sizeof(off_t) == 8);
+int main() { return 0; }]] KORVANE_TIME64)
+  if(NOT KORVANE_TIME64)
+    message(FATAL_ERROR "armhf build with a 32-bit time_t or off_t: "
+      "compile with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
+  endif()
+endif()
 # The one maintainer identity, also in packaging/changelog and
 # packaging/copyright.
 set(KORVANE_MAINTAINER "korvane developers <korvane@example.org>")
