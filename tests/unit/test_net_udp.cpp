@@ -11,7 +11,6 @@
 
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "link/serialbuf.h"
@@ -25,8 +24,8 @@
 std::function<int(pollfd *, int)> fake_poll;  // unset: the real call
 std::function<long(size_t)> fake_sendto;
 template <class F> F real(const char *name) { return reinterpret_cast<F>(dlsym(RTLD_NEXT, name)); }
-extern "C" int poll(pollfd *fds, nfds_t n, int msec) {
-    return fake_poll ? fake_poll(fds, msec) : real<int (*)(pollfd *, nfds_t, int)>("poll")(fds, n, msec);
+extern "C" int poll(pollfd *p, nfds_t n, int ms) {
+    return fake_poll ? fake_poll(p, ms) : real<int (*)(pollfd *, nfds_t, int)>("poll")(p, n, ms);
 }
 extern "C" ssize_t sendto(int fd, const void *b, size_t n, int f, const sockaddr *to, socklen_t tl) {
     using Sendto = ssize_t (*)(int, const void *, size_t, int, const sockaddr *, socklen_t);
@@ -35,58 +34,54 @@ extern "C" ssize_t sendto(int fd, const void *b, size_t n, int f, const sockaddr
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-using Texts = std::vector<std::string>;
+using Bytes = std::string;  // frames and packets as the byte strings they are
 
 unsigned fold(const Bytes &b, unsigned s = 0) {  // RFC 1071: sum of big-endian words, folded
-    for (size_t i = 0; i < b.size(); i += 2) s += b[i] << 8 | (i + 1 < b.size() ? b[i + 1] : 0);
+    for (size_t i = 0; i < b.size(); i += 2)
+        s += (unsigned char)b[i] << 8 | (i + 1 < b.size() ? (unsigned char)b[i + 1] : 0);
     return s > 0xFFFF ? fold({}, (s & 0xFFFF) + (s >> 16)) : s;
 }
 
 struct P {  // a test packet's fields
-    std::string payload;
+    Bytes payload;
     unsigned src = 0x0A000009, sport = 6330, dst = 0x0A000001, dport = 4242, id = 0, ttl = 64;
     unsigned frag = 0;
-    Bytes opts = {};
+    Bytes opts = "";
 };
 
-Bytes packet(const P &k) {  // RFC 791 and 768, both checksums computed; a UDP sum 0 goes as FFFF
+Bytes packet(const P &k) {  // RFC 791 and 768 with both checksums; a UDP sum 0 goes as FFFF
     size_t hl = 20 + k.opts.size(), n = hl + 8 + k.payload.size();
-    Bytes p(n);
-    auto put = [&](size_t at, unsigned v, int len) { while (len--) p[at + len] = v & 0xFF, v >>= 8; };
-    for (auto [at, v, len] : {std::tuple{0, 0x40 | hl / 4, 1}, {2, n, 2}, {4, k.id, 2}, {6, k.frag, 2},
-                              {8, k.ttl, 1}, {9, 17, 1}, {12, k.src, 4}, {16, k.dst, 4},
-                              {hl, k.sport, 2}, {hl + 2, k.dport, 2}, {hl + 4, n - hl, 2}})
+    Bytes p = Bytes(20, 0) + k.opts + Bytes(8, 0) + k.payload;
+    auto put = [&](size_t at, unsigned v, int len) { while (len--) p[at + len] = char(v), v >>= 8; };
+    for (auto [at, v, len] : {std::tuple{0, 0x40 | hl / 4, 1}, {2, n, 2}, {4, k.id, 2},
+                              {6, k.frag, 2}, {8, k.ttl, 1}, {9, 17, 1}, {12, k.src, 4},
+                              {16, k.dst, 4}, {hl, k.sport, 2}, {hl + 2, k.dport, 2},
+                              {hl + 4, n - hl, 2}})
         put(at, v, len);
-    std::copy(k.opts.begin(), k.opts.end(), p.begin() + 20);
-    std::copy(k.payload.begin(), k.payload.end(), p.begin() + hl + 8);
-    Bytes pseudo(p.begin() + 12, p.begin() + 20);
-    pseudo.insert(pseudo.end(), {0, 17, p[hl + 4], p[hl + 5]});
-    unsigned u = ~fold(Bytes(p.begin() + hl, p.end()), fold(pseudo)) & 0xFFFF;
+    unsigned u = ~fold(p.substr(hl), fold(p.substr(12, 8), 17 + unsigned(n - hl))) & 0xFFFF;
     put(hl + 6, u ? u : 0xFFFF, 2);
-    put(10, ~fold(Bytes(p.begin(), p.begin() + hl)) & 0xFFFF, 2);
+    put(10, ~fold(p.substr(0, hl)) & 0xFFFF, 2);
     return p;
 }
 
 P zero_sum(P k) {  // a payload whose last word makes the UDP sum compute to 0
-    k.payload = std::string("ze\0\0", 4);
-    Bytes p = packet(k);
-    return k.payload = std::string("ze") + char(p[26]) + char(p[27]), k;
+    k.payload = Bytes("ze\0\0", 4);
+    return k.payload = "ze" + packet(k).substr(26, 2), k;
 }
 
 Bytes slip(const Bytes &p) {  // RFC 1055: END, the bytes with END and ESC escaped, END
-    Bytes f = {0xC0};
-    for (unsigned char c : p)
-        c == 0xC0 || c == 0xDB ? f.insert(f.end(), {0xDB, (unsigned char)(c == 0xC0 ? 0xDC : 0xDD)}) : f.insert(f.end(), c);
-    return f.push_back(0xC0), f;
+    Bytes f = "\xC0";
+    for (char c : p) f += c == '\xC0' ? "\xDB\xDC" : c == '\xDB' ? "\xDB\xDD" : Bytes(1, c);
+    return f + "\xC0";
 }
 
 // Dump lines: the prefix and up to 32 bytes each, then (closing) the prefix alone.
-std::string dump(const std::string &prefix, const Bytes &b, const char *fmt = " %02x", bool closing = true) {
+std::string dump(const std::string &prefix, const Bytes &b, const char *fmt = " %02x",
+                 bool closing = true) {
     std::string out;
     char hex[4];
     for (size_t i = 0; i < b.size(); i++) {
-        snprintf(hex, sizeof hex, fmt, b[i]);
+        snprintf(hex, sizeof hex, fmt, (unsigned char)b[i]);
         out += (i % 32 ? "" : prefix) + hex + (i % 32 == 31 || i + 1 == b.size() ? "\n" : "");
     }
     return closing ? out + prefix + "\n" : out;
@@ -94,7 +89,8 @@ std::string dump(const std::string &prefix, const Bytes &b, const char *fmt = " 
 
 std::string word(const Bytes &b, size_t at) {  // a checksum printed as a host word holds it
     char s[8];
-    snprintf(s, sizeof s, "0x%4.4x", unsigned(*reinterpret_cast<const std::uint16_t *>(&b[at])));
+    std::uint16_t w;
+    snprintf(s, sizeof s, "0x%4.4x", (std::memcpy(&w, &b[at], 2), unsigned(w)));
     return s;
 }
 
@@ -115,12 +111,6 @@ double sum(TAverage *avg) {  // what an average summed over the last 50 s
 }
 
 int resolutions = 0;
-Texts lines;  // verbose lines; the pause lets another thread's dump cut in, were it not locked out
-std::mutex lines_guard;
-void collect(void *, const char *line) {
-    std::lock_guard lock(lines_guard);
-    lines.push_back(line), usleep(100);
-}
 
 // An endpoint with averages; on a free loopback port with a client socket, or on a SLIP line.
 struct NetUdp : testing::Test {
@@ -131,8 +121,8 @@ struct NetUdp : testing::Test {
     void SetUp() override {
         ASSERT_EQ(udp_new(&udp), 0);
         udp_setup_averages(udp, std_now() - 1, 1, 100, 1, 100, 1, 100);
-        udp_set_resolver([](const char *h, std::uint32_t *ip, char *c) { return resolutions++, name2ip(h, ip, c); });
-        resolutions = 0, lines.clear();
+        udp_set_resolver([](const char *h, std::uint32_t *a, char *c) { return ++resolutions, name2ip(h, a, c); });
+        resolutions = 0;
     }
     void TearDown() override {
         fake_poll = nullptr, fake_sendto = nullptr;
@@ -157,17 +147,17 @@ struct NetUdp : testing::Test {
 
 }  // namespace
 
-// slip_print dumps whole headers, stored checksums beside computed ones.
-TEST(NetCodec, DumpsAndProtocolErrors) {
+// slip_print dumps whole headers, stored checksums beside computed ones, and the frame.
+TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
     Bytes good = packet({"dumped", 0x7F000001, 5331, 0x7F000001, 5330, 7, 255, 0x4000}), bad = good;
     bad[11] ^= 1, bad[27] ^= 1;
-    Bytes frame = slip(bad), esc_last = slip(good), big = slip(packet({std::string(2021, 'x')}));
-    esc_last.back() = 0xDB;
+    Bytes esc_last = slip(good), big = slip(packet({Bytes(2021, 'x')}));
+    esc_last.back() = '\xDB';
     std::string out;
     EXPECT_EQ(logged([&] {
         testing::internal::CaptureStdout();
-        for (Bytes f : {frame, slip(Bytes(23, 0x45)), Bytes{0xC0, 0xDB, 0x41, 0xC0}, esc_last, big})
-            EXPECT_EQ(slip_print(f.data(), int(f.size())), 0);
+        for (Bytes f : {slip(bad), slip(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
+            EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
         out = testing::internal::GetCapturedStdout();
     }), "IP Header-----------------------------------\n    version_length = 0x45\n"
         "              type = 0x00\n            length = 34\n    identification = 7\n"
@@ -182,30 +172,29 @@ TEST(NetCodec, DumpsAndProtocolErrors) {
     EXPECT_NE(out.find("64 75 6d 70"), std::string::npos) << out;  // the hexdump holds "dump"
 }
 
-// Frames written through a SLIP endpoint: exact bytes, the identification wrapping, the source
-// as set up, opened and then set by the forwarding thread, the dumps, and the bytes counted.
+// Frames sent through a SLIP endpoint: exact bytes, the identification wrapping, the source as
+// set up, opened and then set by the forwarding thread, the dumps, and the bytes counted.
 TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
     line(2, 0.0026);  // the link's time-out rounds to 3 ms
     SerialBuf *sb = udp->slip_buf;
-    EXPECT_EQ(Texts({std::to_string(sb->timeout), std::to_string(sb->slip_port_src),
-                     std::to_string(sb->slip_ipaddr_src)}), Texts({"3", "65535", "4294967295"}));
-    const std::string op = "0123456789:;<=>?@ABCDEFGHIJKLMNOP";
+    EXPECT_EQ(std::to_string(sb->timeout) + " " + std::to_string(sb->slip_port_src) + " " +
+                  std::to_string(sb->slip_ipaddr_src), "3 65535 4294967295");
+    const Bytes op = "0123456789:;<=>?@ABCDEFGHIJKLMNOP";
     Bytes want = slip(packet({op, 0xFFFFFFFF, 4242, 0x0A000001, 5330, 0, 255, 0x4000}));
     EXPECT_EQ(logged([&] { write(4242, "10.0.0.1:5330", op); }),
               "debug: UDP_DEBUG: udpw: 33 bytes to 10.0.0.1:5330:\n" +
-                  dump("debug: UDP_DEBUG: udpw: ", Bytes(op.begin(), op.end()), " %02X", false) +
+                  dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) +
                   dump("SLS:", want));
     const unsigned char client[4] = {192, 168, 1, 7};  // address bytes as they lie
     std::memcpy(&sb->slip_ipaddr_src, client, 4);
     sb->slip_port_src = 5331, sb->slip_identification = 65535, udp->verbose = 0;
-    for (P k : {P{std::string("\xC0" "a\xDB" "b", 4), 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255,
-                  0x4000}, zero_sum({"", 0xC0A80107, 5331, 0x0A000001, 5330, 0, 255, 0x4000})}) {
-        ASSERT_EQ(write(4242, "10.0.0.1:5330", k.payload), 1);  // the id wraps; a UDP sum 0 goes as FFFF
-        Bytes f = slip(packet(k));
-        want.insert(want.end(), f.begin(), f.end());
+    P k{"\xC0" "a\xDB" "b", 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255, 0x4000}, z = k;
+    z.id = 0;
+    for (const P &each : {k, zero_sum(z)}) {  // the id wraps; a UDP sum of 0 goes out as FFFF
+        ASSERT_EQ(write(4242, "10.0.0.1:5330", each.payload), 1);
+        want += slip(packet(each));
     }
-    std::string wire = testutil::read_at_least(pty->master, want.size(), 5000);
-    EXPECT_EQ(Bytes(wire.begin(), wire.end()), want);
+    EXPECT_EQ(testutil::read_at_least(pty->master, want.size(), 5000), want);
     EXPECT_EQ(sum(udp->bytes_written) + sum(udp->datarate), 2 * want.size());
     errno = EAGAIN;  // stale: the failure below must not carry it
     EXPECT_EQ(write(4242, "10.0.0.1:5330", std::string(2021, 'b')), -1);
@@ -221,23 +210,21 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
 }
 
 // One stream of good frames among hostile bytes, fed whole at verbosity 0, byte by byte at 1
-// and in random chunks at 2: the same datagrams come out, only complaints and dumps differ,
-// and every byte of a frame that was not abandoned counts.
+// and in chunks at 2: the same datagrams come out, only complaints and dumps differ, and every
+// byte counts but those of frames abandoned (a bad escape, a 2049th byte).
 TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
     Bytes first = packet({"first"}), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
-    bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff[26] = ffff[27] = 0xFF, no_sum[26] = no_sum[27] = 0;
-    Bytes zero = packet(zero_sum({})), hdr60 = packet({"hdr60"}), big = packet({std::string(2021, 'x')});
+    bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff.replace(26, 2, "\xFF\xFF"), no_sum.replace(26, 2, 2, 0);
+    Bytes hdr60 = packet({"hdr60"}), big = packet({Bytes(2021, 'x')});
     hdr60[0] = 0x4F;  // says 60 header bytes: unparsable
-    Bytes s = {'n', 'o', 'i', 's', 'e', 0xC0, 0xC0, 0xC0}, abandoned = {'x', 0xDB, 0x41};
-    for (const Bytes &f : {first, Bytes(23, 0x45), bad_ip, bad_udp, ffff, no_sum, zero, abandoned,
-                           packet({.payload = "opt", .opts = {1, 1, 1, 0}}),
-                           hdr60, big, packet({std::string(2020, 'y')}), packet({"last", 0x7F000001})}) {
-        Bytes e = f == abandoned ? f : slip(f);
-        s.insert(s.end(), e.begin(), e.end());
-    }
+    Bytes s = "noise\xC0x\xDB\x41\xC0\xC0";  // line noise, then a bad escape
+    for (const Bytes &f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, packet(zero_sum({})),
+                           packet({.payload = "opt", .opts = Bytes("\1\1\1\0", 4)}), hdr60, big,
+                           packet({Bytes(2020, 'y')}), packet({"last", 0x7F000001})})
+        s += slip(f);
     const std::string src = "0 10.0.0.9:6330 ", kept = "kept till a dump writes it or a drop at 0\n";
-    const Texts want = {src + "first", src + "first", src + zero_sum({}).payload, src + "opt",
-                        src + std::string(1024, 'y'), "0 127.0.0.1:6330 last"};
+    const std::vector<std::string> want = {src + "first", src + "first", src + zero_sum({}).payload,
+                                           src + "opt", src + std::string(1024, 'y'), "0 127.0.0.1:6330 last"};
     auto complaint = [&](const char *what, const Bytes &f, size_t at) {
         return "warning: " + std::string(what) + " header checksum, " + word(f, at) +
                ", does not match computed checksum, " + word(first, at) + ".\n" + dump("SLR:", f);
@@ -248,23 +235,22 @@ TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
     for (int mode = 0; mode < 3; mode++) {
         line(mode, 5.0);
         std::jthread writer([&] {
-            for (size_t i = 0, n; i < s.size(); i += n) {
+            for (size_t i = 0, n; i < s.size(); i += n, usleep(n < 64 ? 200 : 0)) {
                 n = std::min(s.size() - i, mode == 0 ? s.size() : mode == 1 ? 1 : 1 + i * 7919 % 300);
                 testutil::write_all(pty->master, s.data() + i, n);
-                if (n < 64) usleep(200);
             }
         });
         elog_log(0, "%s", kept.c_str());
-        Texts got_all;
+        std::vector<std::string> all;
         std::string log = logged([&] {
-            while (got_all.size() < want.size() && (got_all.empty() || got_all.back()[0] == '0'))
-                got_all.push_back(std::to_string(read(0, -1.0)) + " " + from + " " + got);
+            while (all.size() < want.size() && (all.empty() || all.back()[0] == '0'))
+                all.push_back(std::to_string(read(0, -1.0)) + " " + from + " " + got);
         });
-        EXPECT_EQ(got_all, want) << "mode " << mode;
+        EXPECT_EQ(all, want) << "mode " << mode;
         EXPECT_EQ(registered(), "");
         EXPECT_EQ(mode < 2 ? log : "", mode == 1 ? complaints : "");
         EXPECT_TRUE(mode < 2 || log.find(dump("SLR:", first)) != std::string::npos);
-        EXPECT_EQ(sum(udp->bytes_read), s.size() - abandoned.size() - (slip(big).size() - 1));
+        EXPECT_EQ(sum(udp->bytes_read), s.size() - 3 - (slip(big).size() - 1));
     }
 }
 
@@ -272,20 +258,19 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
     EXPECT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens, bound before anything is sent
     int on[3] = {0, 0, (fcntl(udp->fd, F_GETFL) & O_NONBLOCK) != 0};
     socklen_t len = sizeof(int);
-    for (int opt : {SO_KEEPALIVE, SO_BROADCAST}) getsockopt(udp->fd, SOL_SOCKET, opt, &on[opt == SO_BROADCAST], &len);
-    EXPECT_EQ(std::vector<int>(on, on + 3), std::vector<int>({1, 1, 1}));
+    getsockopt(udp->fd, SOL_SOCKET, SO_KEEPALIVE, &on[0], &len);
+    getsockopt(udp->fd, SOL_SOCKET, SO_BROADCAST, &on[1], &len);
+    EXPECT_EQ(on[0] + on[1] * 10 + on[2] * 100, 111);
     testutil::udp_send_to(client, port, "to port");
     ASSERT_EQ(read(port, 5.0), UDP_READ_OK);
     EXPECT_EQ(got + " " + from, "to port " + me);
-    // Re-opened on p2; a destination is resolved once per new text, and a text that
-    // fails leaves the cached one as it was.
+    // Re-opened on p2; a destination is resolved once per new text, and a text that fails
+    // leaves the cached one as it was.
     int p2 = testutil::free_udp_port(), reply_from = 0;
-    std::string by_name = "localhost:" + std::to_string(cport), huge(256, '1'), all;
-    std::vector<int> results;
+    std::string by_name = "localhost:" + std::to_string(cport), huge(256, '1'), results, all;
     for (std::string to : {me, me, by_name, std::string("x.invalid:5000"), by_name, huge, std::string("nopo")})
-        results.push_back(write(p2, to, to == me ? "a" : "b"));
-    EXPECT_EQ(results, std::vector<int>({1, 1, 1, -1, 1, -1, -1}));
-    EXPECT_EQ(resolutions, 3);
+        results += std::to_string(write(p2, to, to == me ? "a" : "b"));
+    EXPECT_EQ(results + " " + std::to_string(resolutions), "111-11-1-1 3");
     EXPECT_EQ(registered(), "udp_setup_ipaddr: Can't locate server by name of 'x.invalid:5000'\n"
                             "udp_write: udp_setup_ipaddr(x.invalid:5000) error.\n"
                             "udp_write: destination '" + huge + "' longer than 255 characters.\n"
@@ -309,9 +294,7 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
 // on; random drops both ways; every host datagram counts its bytes plus 42.
 TEST_F(NetUdp, DropsEmptyOversizeAndRandomDatagramsAndReadsOn) {
     udp_set_verbose(udp, 1);
-    long long t = testutil::now_ms();
-    EXPECT_EQ(read(port, 0.3), UDP_READ_TIMEOUT);
-    EXPECT_GE(testutil::now_ms() - t, 250);
+    ASSERT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens the port
     for (const char *d : {"", "xxxxxxxxxxxxxxxxx", "", "yyyyyyyyyyyyyyyy", ""}) testutil::udp_send_to(client, port, d);
     std::vector<int> results;
     std::string log = logged([&] { errno = EAGAIN, results = {read(port, 5.0, 16), read(port, -1.0)}; });
@@ -321,12 +304,12 @@ TEST_F(NetUdp, DropsEmptyOversizeAndRandomDatagramsAndReadsOn) {
                                     me + ", larger than the 16-byte buffer.\n" + empty + empty);
     EXPECT_EQ(registered(), "");
     udp->drop_packet_pcnt = 100;
-    udp->verbose_callback = collect;
-    EXPECT_EQ(write(port, me, std::string(10, 'w')), 1);
+    EXPECT_EQ(logged([&] {
+        EXPECT_EQ(write(port, me, std::string(10, 'w')), 1);
+        testutil::udp_send_to(client, port, std::string(7, 'r'));
+        EXPECT_EQ(read(port, 0.5), UDP_READ_TIMEOUT);
+    }), "debug: UDP_DEBUG: Random drop packet on send\ndebug: UDP_DEBUG: Random drop packet on receive\n");
     EXPECT_FALSE(testutil::udp_recv(client, &got, 300));
-    testutil::udp_send_to(client, port, std::string(7, 'r'));
-    EXPECT_EQ(read(port, 0.5), UDP_READ_TIMEOUT);
-    EXPECT_EQ(lines, Texts({"Random drop packet on send", "Random drop packet on receive"}));
     EXPECT_EQ(sum(udp->bytes_read), 17 + 16 + 7 + 6 * 42);
     EXPECT_EQ(sum(udp->bytes_written), 10 + 42);
     EXPECT_EQ(sum(udp->datarate), 40 + 10 + 7 * 42);
@@ -359,15 +342,4 @@ TEST_F(NetUdp, WaitSlicesPollAnswersAndSendFailures) {
     EXPECT_EQ(registered(), "udp_write: sendto(" + me + ") interrupted. (Interrupted system call)\n"
                             "udp_write: sendto(" + me + ") error. (Operation not permitted)\n"
                             "udp_write: sendto(" + me + ") short by 3 bytes.\n");
-}
-
-// Two threads dumping on one endpoint: each dump's header and three lines stay together.
-TEST_F(NetUdp, VerboseDumpsNeverInterleave) {
-    udp->verbose = 2, udp->verbose_callback = collect;
-    auto writer = [&](char fill) { for (int i = 0; i < 50; i++) write(0, me, std::string(70, fill)); };
-    { std::jthread a(writer, 'A'), b(writer, 'B'); }
-    ASSERT_EQ(lines.size(), 100u * 4);
-    for (size_t i = 0; i < lines.size(); i += 4)
-        EXPECT_EQ(lines[i] + lines[i + 2].substr(6, 3) + lines[i + 3].substr(6, 3),
-                  "udpw: 70 bytes to " + me + ":" + lines[i + 1].substr(6, 3) + lines[i + 1].substr(6, 3));
 }
