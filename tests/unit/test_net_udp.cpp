@@ -1,7 +1,6 @@
-// The datagram endpoint: host sockets on loopback, and SLIP over a pseudo-terminal playing the
-// datalogger's line. Frames are judged by a builder and an escaper written here from RFC 791,
-// 768, 1071 and 1055, never by the product's codec. poll and sendto are wrapped so that what no
-// real socket shows in a test's time (300 s wait slices, interrupted and short sends) is scripted.
+// The datagram endpoint: host sockets on loopback, SLIP over a pseudo-terminal as the datalogger's
+// line. Frames are judged by code written here from RFC 791, 768, 1071 and 1055, never by the
+// product's codec; poll and sendto are wrapped to script 300 s waits and failed sends.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -11,6 +10,7 @@
 
 #include <cstring>
 #include <functional>
+#include <regex>
 #include <thread>
 
 #include "link/serialbuf.h"
@@ -21,15 +21,17 @@
 #include "support/host.h"
 #include "testutil.h"
 
+using namespace testutil;
+
 std::function<int(pollfd *, int)> fake_poll;  // unset: the real call
 std::function<long(size_t)> fake_sendto;
 template <class F> F real(const char *name) { return reinterpret_cast<F>(dlsym(RTLD_NEXT, name)); }
 extern "C" int poll(pollfd *p, nfds_t n, int ms) {
     return fake_poll ? fake_poll(p, ms) : real<int (*)(pollfd *, nfds_t, int)>("poll")(p, n, ms);
 }
-extern "C" ssize_t sendto(int fd, const void *b, size_t n, int f, const sockaddr *to, socklen_t tl) {
+extern "C" ssize_t sendto(int fd, const void *b, size_t n, int f, const sockaddr *a, socklen_t l) {
     using Sendto = ssize_t (*)(int, const void *, size_t, int, const sockaddr *, socklen_t);
-    return fake_sendto ? fake_sendto(n) : real<Sendto>("sendto")(fd, b, n, f, to, tl);
+    return fake_sendto ? fake_sendto(n) : real<Sendto>("sendto")(fd, b, n, f, a, l);
 }
 
 namespace {
@@ -52,7 +54,9 @@ struct P {  // a test packet's fields
 Bytes packet(const P &k) {  // RFC 791 and 768 with both checksums; a UDP sum 0 goes as FFFF
     size_t hl = 20 + k.opts.size(), n = hl + 8 + k.payload.size();
     Bytes p = Bytes(20, 0) + k.opts + Bytes(8, 0) + k.payload;
-    auto put = [&](size_t at, unsigned v, int len) { while (len--) p[at + len] = char(v), v >>= 8; };
+    auto put = [&](size_t at, unsigned v, int len) {
+        while (len--) p[at + len] = char(v), v >>= 8;
+    };
     for (auto [at, v, len] : {std::tuple{0, 0x40 | hl / 4, 1}, {2, n, 2}, {4, k.id, 2},
                               {6, k.frag, 2}, {8, k.ttl, 1}, {9, 17, 1}, {12, k.src, 4},
                               {16, k.dst, 4}, {hl, k.sport, 2}, {hl + 2, k.dport, 2},
@@ -97,10 +101,8 @@ std::string word(const Bytes &b, size_t at) {  // a checksum printed as a host w
 template <class F> std::string logged(F f) {  // the log f writes, without time and program name
     testing::internal::CaptureStderr();
     f();
-    std::istringstream in(testing::internal::GetCapturedStderr());
-    std::string out;
-    for (std::string l; std::getline(in, l);) out += l.substr(l.find(": ") + 2) + "\n";
-    return out;
+    static const std::regex stamp("(^|\n)[^ ]+ [^ ]+ [^:]+: ");
+    return std::regex_replace(testing::internal::GetCapturedStderr(), stamp, "$1");
 }
 std::string registered() { return logged([] { elog_clear_register(1); }); }
 
@@ -111,28 +113,23 @@ double sum(TAverage *avg) {  // what an average summed over the last 50 s
 }
 
 int resolutions = 0;
+int count(const char *h, std::uint32_t *a, char *c) { return ++resolutions, name2ip(h, a, c); }
 
 // An endpoint with averages; on a free loopback port with a client socket, or on a SLIP line.
 struct NetUdp : testing::Test {
     UDP *udp = nullptr;
-    int port = testutil::free_udp_port(), cport = 0, client = testutil::udp_socket_loopback(&cport);
+    int port = free_udp_port(), cport = 0, client = udp_socket_loopback(&cport);
     std::string got, from, me = "127.0.0.1:" + std::to_string(cport);
-    std::unique_ptr<testutil::PtyPair> pty;
-    void SetUp() override {
-        ASSERT_EQ(udp_new(&udp), 0);
-        udp_setup_averages(udp, std_now() - 1, 1, 100, 1, 100, 1, 100);
-        udp_set_resolver([](const char *h, std::uint32_t *a, char *c) { return ++resolutions, name2ip(h, a, c); });
-        resolutions = 0;
-    }
+    std::unique_ptr<PtyPair> pty;
+    void SetUp() override { udp_new(&udp), averages(), udp_set_resolver(count), resolutions = 0; }
+    void averages() { udp_setup_averages(udp, std_now() - 1, 1, 100, 1, 100, 1, 100); }
     void TearDown() override {
-        fake_poll = nullptr, fake_sendto = nullptr;
-        udp_free(udp), close(client);
+        fake_poll = nullptr, fake_sendto = nullptr, udp_free(udp), close(client);
     }
     void line(int verbose, double timeout) {  // makes the endpoint a SLIP one on a fresh line
-        pty = std::make_unique<testutil::PtyPair>();
+        pty = std::make_unique<PtyPair>();
         ASSERT_EQ(udp_setup_slip(udp, pty->slave_path.c_str(), 19200, timeout), 0);
-        udp_setup_averages(udp, std_now() - 1, 1, 100, 1, 100, 1, 100);  // afresh
-        udp->verbose = verbose;
+        averages(), udp->verbose = verbose;
     }
     int read(int local_port, double timeout, int cap = 1024) {  // into got and from
         char buf[2048], text[256] = "";
@@ -147,18 +144,15 @@ struct NetUdp : testing::Test {
 
 }  // namespace
 
-// slip_print dumps whole headers, stored checksums beside computed ones, and the frame.
+// slip_print dumps whole headers, stored checksums beside computed ones.
 TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
     Bytes good = packet({"dumped", 0x7F000001, 5331, 0x7F000001, 5330, 7, 255, 0x4000}), bad = good;
     bad[11] ^= 1, bad[27] ^= 1;
     Bytes esc_last = slip(good), big = slip(packet({Bytes(2021, 'x')}));
     esc_last.back() = '\xDB';
-    std::string out;
     EXPECT_EQ(logged([&] {
-        testing::internal::CaptureStdout();
         for (Bytes f : {slip(bad), slip(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
             EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
-        out = testing::internal::GetCapturedStdout();
     }), "IP Header-----------------------------------\n    version_length = 0x45\n"
         "              type = 0x00\n            length = 34\n    identification = 7\n"
         "   fragment_offset = 0x4000\n      time_to_live = 255\n          protocol = 17\n"
@@ -169,24 +163,19 @@ TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
         "          port_dst = 5330\n            length = 14\n"
         "            chksum = " + word(bad, 26) + "(" + word(good, 26) + ")\n"
         "Payload 34 bytes.\nprotocol error.\nprotocol error.\nprotocol error.\nprotocol error.\n");
-    EXPECT_NE(out.find("64 75 6d 70"), std::string::npos) << out;  // the hexdump holds "dump"
 }
 
-// Frames sent through a SLIP endpoint: exact bytes, the identification wrapping, the source as
-// set up, opened and then set by the forwarding thread, the dumps, and the bytes counted.
+// SLIP frames sent: exact bytes, id wrapping, the source as set up and per packet, dumps, counts.
 TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
     line(2, 0.0026);  // the link's time-out rounds to 3 ms
     SerialBuf *sb = udp->slip_buf;
-    EXPECT_EQ(std::to_string(sb->timeout) + " " + std::to_string(sb->slip_port_src) + " " +
-                  std::to_string(sb->slip_ipaddr_src), "3 65535 4294967295");
+    EXPECT_EQ(std::to_string(sb->timeout) + " " + std::to_string(sb->slip_port_src), "3 65535");
     const Bytes op = "0123456789:;<=>?@ABCDEFGHIJKLMNOP";
     Bytes want = slip(packet({op, 0xFFFFFFFF, 4242, 0x0A000001, 5330, 0, 255, 0x4000}));
     EXPECT_EQ(logged([&] { write(4242, "10.0.0.1:5330", op); }),
               "debug: UDP_DEBUG: udpw: 33 bytes to 10.0.0.1:5330:\n" +
-                  dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) +
-                  dump("SLS:", want));
-    const unsigned char client[4] = {192, 168, 1, 7};  // address bytes as they lie
-    std::memcpy(&sb->slip_ipaddr_src, client, 4);
+                  dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) + dump("SLS:", want));
+    std::memcpy(&sb->slip_ipaddr_src, "\xC0\xA8\x01\x07", 4);  // address bytes as they lie
     sb->slip_port_src = 5331, sb->slip_identification = 65535, udp->verbose = 0;
     P k{"\xC0" "a\xDB" "b", 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255, 0x4000}, z = k;
     z.id = 0;
@@ -194,53 +183,52 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
         ASSERT_EQ(write(4242, "10.0.0.1:5330", each.payload), 1);
         want += slip(packet(each));
     }
-    EXPECT_EQ(testutil::read_at_least(pty->master, want.size(), 5000), want);
+    EXPECT_EQ(read_at_least(pty->master, want.size(), 5000), want);
     EXPECT_EQ(sum(udp->bytes_written) + sum(udp->datarate), 2 * want.size());
     errno = EAGAIN;  // stale: the failure below must not carry it
     EXPECT_EQ(write(4242, "10.0.0.1:5330", std::string(2021, 'b')), -1);
     EXPECT_EQ(registered(), "slip_sendto: payload of 2021 bytes exceeds 2020.\n"
                             "udp_write: sendto(10.0.0.1:5330) error.\n");
-    long long t = testutil::now_ms();  // a silent line: 3 ms, a half-second pause, nothing kept
+    long long t = now_ms();  // a silent line: 3 ms, a half-second pause, nothing kept
     elog_log(0, "dropped by the time-out\n");
     EXPECT_EQ(read(4242, -1.0), UDP_READ_TIMEOUT);
-    EXPECT_GE(testutil::now_ms() - t, 500);
+    EXPECT_GE(now_ms() - t, 500);
     EXPECT_EQ(registered(), "");
-    ASSERT_EQ(udp_setup_slip_with_flow(udp, "/dev/null", 9600, -1.0), 0);
-    EXPECT_EQ(std::to_string(udp->slip_buf->timeout) + std::to_string(udp->slip_buf->flow), "-11");
 }
 
-// One stream of good frames among hostile bytes, fed whole at verbosity 0, byte by byte at 1
-// and in chunks at 2: the same datagrams come out, only complaints and dumps differ, and every
-// byte counts but those of frames abandoned (a bad escape, a 2049th byte).
+// Good frames among hostile bytes, fed whole at verbosity 0, bytewise at 1, in chunks at 2: the
+// same datagrams come out; every byte counts but those of abandoned frames (bad escape, 2049th).
 TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
     Bytes first = packet({"first"}), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
     bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff.replace(26, 2, "\xFF\xFF"), no_sum.replace(26, 2, 2, 0);
     Bytes hdr60 = packet({"hdr60"}), big = packet({Bytes(2021, 'x')});
     hdr60[0] = 0x4F;  // says 60 header bytes: unparsable
     Bytes s = "noise\xC0x\xDB\x41\xC0\xC0";  // line noise, then a bad escape
-    for (const Bytes &f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, packet(zero_sum({})),
-                           packet({.payload = "opt", .opts = Bytes("\1\1\1\0", 4)}), hdr60, big,
+    for (Bytes f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, packet(zero_sum({})),
+                           packet({.payload = "opt", .opts = {"\1\1\1\0", 4}}), hdr60, big,
                            packet({Bytes(2020, 'y')}), packet({"last", 0x7F000001})})
         s += slip(f);
-    const std::string src = "0 10.0.0.9:6330 ", kept = "kept till a dump writes it or a drop at 0\n";
+    const std::string src = "0 10.0.0.9:6330 ", kept = "kept till a dump writes it\n";
     const std::vector<std::string> want = {src + "first", src + "first", src + zero_sum({}).payload,
-                                           src + "opt", src + std::string(1024, 'y'), "0 127.0.0.1:6330 last"};
+                                           src + "opt", src + Bytes(1024, 'y'),
+                                           "0 127.0.0.1:6330 last"};
     auto complaint = [&](const char *what, const Bytes &f, size_t at) {
         return "warning: " + std::string(what) + " header checksum, " + word(f, at) +
                ", does not match computed checksum, " + word(first, at) + ".\n" + dump("SLR:", f);
     };
     std::string complaints = complaint("ip", bad_ip, 10) + complaint("udp", bad_udp, 26) +
-                             complaint("udp", ffff, 26) + "warning: slip_recvfrom: udp_checksum() error.\n";
-    complaints.insert(complaints.find('\n') + 1, kept);  // the first dump writes what was registered
+                             complaint("udp", ffff, 26) +
+                             "warning: slip_recvfrom: udp_checksum() error.\n";
+    complaints.insert(complaints.find('\n') + 1, kept);  // the first dump writes the register
     for (int mode = 0; mode < 3; mode++) {
         line(mode, 5.0);
         std::jthread writer([&] {
             for (size_t i = 0, n; i < s.size(); i += n, usleep(n < 64 ? 200 : 0)) {
-                n = std::min(s.size() - i, mode == 0 ? s.size() : mode == 1 ? 1 : 1 + i * 7919 % 300);
-                testutil::write_all(pty->master, s.data() + i, n);
+                n = std::min(s.size() - i, mode == 0 ? s.size() : mode == 1 ? 1 : 1 + i * 79 % 300);
+                write_all(pty->master, s.data() + i, n);
             }
         });
-        elog_log(0, "%s", kept.c_str());
+        elog_log(0, "%s", kept.c_str());  // a drop at verbosity 0 discards it
         std::vector<std::string> all;
         std::string log = logged([&] {
             while (all.size() < want.size() && (all.empty() || all.back()[0] == '0'))
@@ -256,90 +244,77 @@ TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
 
 TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
     EXPECT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens, bound before anything is sent
-    int on[3] = {0, 0, (fcntl(udp->fd, F_GETFL) & O_NONBLOCK) != 0};
-    socklen_t len = sizeof(int);
-    getsockopt(udp->fd, SOL_SOCKET, SO_KEEPALIVE, &on[0], &len);
-    getsockopt(udp->fd, SOL_SOCKET, SO_BROADCAST, &on[1], &len);
-    EXPECT_EQ(on[0] + on[1] * 10 + on[2] * 100, 111);
-    testutil::udp_send_to(client, port, "to port");
-    ASSERT_EQ(read(port, 5.0), UDP_READ_OK);
-    EXPECT_EQ(got + " " + from, "to port " + me);
+    int on = 0;
+    socklen_t len = sizeof on;
+    getsockopt(udp->fd, SOL_SOCKET, SO_BROADCAST, &on, &len);
+    EXPECT_EQ(on * 10 + ((fcntl(udp->fd, F_GETFL) & O_NONBLOCK) != 0), 11);
     // Re-opened on p2; a destination is resolved once per new text, and a text that fails
     // leaves the cached one as it was.
-    int p2 = testutil::free_udp_port(), reply_from = 0;
-    std::string by_name = "localhost:" + std::to_string(cport), huge(256, '1'), results, all;
-    for (std::string to : {me, me, by_name, std::string("x.invalid:5000"), by_name, huge, std::string("nopo")})
+    int p2 = free_udp_port(), reply_from = 0;
+    std::string huge(256, '1'), results, all;
+    for (std::string to : {me, me, std::string("x.invalid:5000"), me, huge, std::string("nopo")})
         results += std::to_string(write(p2, to, to == me ? "a" : "b"));
-    EXPECT_EQ(results + " " + std::to_string(resolutions), "111-11-1-1 3");
+    EXPECT_EQ(results + " " + std::to_string(resolutions), "11-11-1-1 2");
+    while (udp_recv(client, &got, 300, &reply_from)) all += got;
+    EXPECT_EQ(all + " " + std::to_string(reply_from), "aaa " + std::to_string(p2));
+    EXPECT_EQ(sum(udp->bytes_written), 3 * (1 + 42));
+    char dev[64], to[256];  // setup_mode splits a device form and passes other text through
+    for (const char *arg : {"/dev/ttyS1:9600:q:5330", "q:5330", "/dev/ttyS1", "/dev/ttyS1:96"})
+        all += std::to_string(setup_mode(arg, dev, 0, to)) + " " + dev + " " + to + "|";
+    EXPECT_EQ(all, "aaa0 /dev/ttyS1 q:5330|0  q:5330|-1  q:5330|-1  q:5330|");
     EXPECT_EQ(registered(), "udp_setup_ipaddr: Can't locate server by name of 'x.invalid:5000'\n"
                             "udp_write: udp_setup_ipaddr(x.invalid:5000) error.\n"
                             "udp_write: destination '" + huge + "' longer than 255 characters.\n"
                             "udp_setup_ipaddr: no port number in hostport argument 'nopo'.\n"
-                            "udp_write: udp_setup_ipaddr(nopo) error.\n");
-    while (testutil::udp_recv(client, &got, 300, &reply_from)) all += got;
-    EXPECT_EQ(all + " " + std::to_string(reply_from), "aabb " + std::to_string(p2));
-    udp_close(udp);
-    EXPECT_EQ(read(cport, -1.0), -2);  // the client's port is taken
-    EXPECT_EQ(registered(), "udp_open: bind() error. (Address already in use)\n"
-                            "udp_read: udp_open(" + std::to_string(cport) + ") error.\n");
-    char dev[64], to[256];  // setup_mode splits a device form and passes other text through
-    for (const char *arg : {"/dev/ttyS1:19200:q330:5330", "q330:5330", "/dev/ttyS1", "/dev/ttyS1:9600"})
-        all += std::to_string(setup_mode(arg, dev, 0, to)) + " " + dev + " " + to + "|";
-    EXPECT_EQ(all, "aabb0 /dev/ttyS1 q330:5330|0  q330:5330|-1  q330:5330|-1  q330:5330|");
-    EXPECT_EQ(registered(), "setup_mode: no baudrate number in hostport argument '/dev/ttyS1'.\n"
-                            "setup_mode: no hostport in argument '/dev/ttyS1:9600'.\n");
+                            "udp_write: udp_setup_ipaddr(nopo) error.\n"
+                            "setup_mode: no baudrate number in hostport argument '/dev/ttyS1'.\n"
+                            "setup_mode: no hostport in argument '/dev/ttyS1:96'.\n");
 }
 
-// Empty and oversize datagrams are dropped with a warning naming the sender, and reading goes
-// on; random drops both ways; every host datagram counts its bytes plus 42.
-TEST_F(NetUdp, DropsEmptyOversizeAndRandomDatagramsAndReadsOn) {
+// Empty and oversize datagrams are dropped with a warning naming the sender, and reading goes on.
+TEST_F(NetUdp, DropsEmptyAndOversizeDatagramsAndReadsOn) {
     udp_set_verbose(udp, 1);
     ASSERT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens the port
-    for (const char *d : {"", "xxxxxxxxxxxxxxxxx", "", "yyyyyyyyyyyyyyyy", ""}) testutil::udp_send_to(client, port, d);
-    std::vector<int> results;
-    std::string log = logged([&] { errno = EAGAIN, results = {read(port, 5.0, 16), read(port, -1.0)}; });
-    EXPECT_EQ(results, std::vector<int>({UDP_READ_OK, UDP_READ_NOTHING}));
+    for (const char *d : {"", "xxxxxxxxxxxxxxxxx", "", "yyyyyyyyyyyyyyyy", ""})
+        udp_send_to(client, port, d);
     const std::string empty = "warning: udp_read: dropped an empty datagram from " + me + ".\n";
-    EXPECT_EQ(got + "\n" + log, "yyyyyyyyyyyyyyyy\n" + empty + "warning: udp_read: dropped a 17-byte datagram from " +
-                                    me + ", larger than the 16-byte buffer.\n" + empty + empty);
-    EXPECT_EQ(registered(), "");
-    udp->drop_packet_pcnt = 100;
     EXPECT_EQ(logged([&] {
-        EXPECT_EQ(write(port, me, std::string(10, 'w')), 1);
-        testutil::udp_send_to(client, port, std::string(7, 'r'));
-        EXPECT_EQ(read(port, 0.5), UDP_READ_TIMEOUT);
-    }), "debug: UDP_DEBUG: Random drop packet on send\ndebug: UDP_DEBUG: Random drop packet on receive\n");
-    EXPECT_FALSE(testutil::udp_recv(client, &got, 300));
-    EXPECT_EQ(sum(udp->bytes_read), 17 + 16 + 7 + 6 * 42);
-    EXPECT_EQ(sum(udp->bytes_written), 10 + 42);
-    EXPECT_EQ(sum(udp->datarate), 40 + 10 + 7 * 42);
+        errno = EAGAIN;
+        EXPECT_EQ(read(port, 5.0, 16), UDP_READ_OK);
+        EXPECT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // the last empty one dropped too
+    }), empty + "warning: udp_read: dropped a 17-byte datagram from " + me +
+            ", larger than the 16-byte buffer.\n" + empty + empty);
+    EXPECT_EQ(got + " " + from + registered(), "yyyyyyyyyyyyyyyy " + me);
+    EXPECT_EQ(sum(udp->bytes_read) + sum(udp->datarate), 2 * (17 + 16 + 5 * 42));  // 42 per header
 }
 
-// The wait's slices (at most 300 s, 0.1 s shorter each round), what poll's answers mean, and
-// send failures: each message carries only the error text of its own call.
+// Wait slices (300 s at most, 0.1 s less each round), poll's answers, send failures: each message
+// carries only the error text of its own call.
 TEST_F(NetUdp, WaitSlicesPollAnswersAndSendFailures) {
     std::vector<int> slices;
-    fake_poll = [&](pollfd *, int msec) { return slices.push_back(msec), errno = EINTR, slices.size() < 3 ? 0 : -1; };
+    fake_poll = [&](pollfd *, int ms) {  // nothing twice, then a signal
+        return slices.push_back(ms), errno = EINTR, -(slices.size() > 2);
+    };
     EXPECT_EQ(read(port, 1000.0), UDP_READ_INTR);
     EXPECT_EQ(slices, std::vector<int>({300001, 299901, 299801}));
     std::string answers;
     for (auto [r, revents, err] : {std::tuple{1, POLLIN, 0}, {1, POLLRDNORM, 0}, {1, POLLRDBAND, 0},
-                                   {1, POLLPRI, 0}, {1, POLLHUP, EAGAIN}, {1, POLLNVAL, EAGAIN},
-                                   {0, 0, 0}, {-1, 0, EINTR}, {-1, 0, EAGAIN}, {-1, 0, ENOMEM}}) {
+                                   {1, POLLPRI, 0}, {1, POLLHUP, 0}, {1, POLLNVAL, 0}, {0, 0, 0},
+                                   {-1, 0, EINTR}, {-1, 0, EAGAIN}, {-1, 0, ENOMEM}}) {
         fake_poll = [=](pollfd *p, int) { return p->revents = short(revents), errno = err, r; };
-        int w = myfdwait(0, 5);
-        answers += std::to_string(w) + (errno ? "e " : " ");
+        answers += std::to_string(myfdwait(0, 5)) + " ";
     }
-    EXPECT_EQ(answers, "0 0 0 0 -1 -1 1 2e 1e -1e ");
+    EXPECT_EQ(answers, "0 0 0 0 -1 -1 1 2 1 -1 ");
     EXPECT_EQ(read(port, 1.0), -1);  // a failed poll, with its own error text
     fake_poll = [](pollfd *p, int) { return p->revents = POLLHUP, errno = EAGAIN, 1; };
     EXPECT_EQ(read(port, 1.0), -1);  // a hang-up: no failed call, no error text
-    EXPECT_EQ(registered(), "udp_read: myfdwait() error. (Cannot allocate memory)\nudp_read: myfdwait() error.\n");
     for (auto [sent, err] : {std::pair{-1L, EINTR}, {-1L, EPERM}, {4L, EAGAIN}}) {
         fake_sendto = [=](size_t) { return errno = err, sent; };
         EXPECT_EQ(write(0, me, "seven b"), -1);
     }
-    EXPECT_EQ(registered(), "udp_write: sendto(" + me + ") interrupted. (Interrupted system call)\n"
+    EXPECT_EQ(registered(), "udp_read: myfdwait() error. (Cannot allocate memory)\n"
+                            "udp_read: myfdwait() error.\n"
+                            "udp_write: sendto(" + me + ") interrupted. (Interrupted system call)\n"
                             "udp_write: sendto(" + me + ") error. (Operation not permitted)\n"
                             "udp_write: sendto(" + me + ") short by 3 bytes.\n");
 }
