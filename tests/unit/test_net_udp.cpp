@@ -144,15 +144,17 @@ struct NetUdp : testing::Test {
 
 }  // namespace
 
-// slip_print dumps whole headers, stored checksums beside computed ones.
+// slip_print dumps whole headers, stored checksums beside computed ones; print_eth its header.
 TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
     Bytes good = packet({"dumped", 0x7F000001, 5331, 0x7F000001, 5330, 7, 255, 0x4000}), bad = good;
     bad[11] ^= 1, bad[27] ^= 1;
     Bytes esc_last = slip(good), big = slip(packet({Bytes(2021, 'x')}));
     esc_last.back() = '\xDB';
+    ETHHdr e{{1, 2, 3, 4, 5, 6}, {10, 11, 12, 13, 14, 15}, 0x0800};
     EXPECT_EQ(logged([&] {
         for (Bytes f : {slip(bad), slip(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
             EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
+        print_eth(&e);
     }), "IP Header-----------------------------------\n    version_length = 0x45\n"
         "              type = 0x00\n            length = 34\n    identification = 7\n"
         "   fragment_offset = 0x4000\n      time_to_live = 255\n          protocol = 17\n"
@@ -162,10 +164,12 @@ TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
         "UDP Header----------------------------------\n          port_src = 5331\n"
         "          port_dst = 5330\n            length = 14\n"
         "            chksum = " + word(bad, 26) + "(" + word(good, 26) + ")\n"
-        "Payload 34 bytes.\nprotocol error.\nprotocol error.\nprotocol error.\nprotocol error.\n");
+        "Payload 34 bytes.\nprotocol error.\nprotocol error.\nprotocol error.\nprotocol error.\n"
+        "Ethernet Header-----------------------------\n           mac_dst = 01:02:03:04:05:06\n"
+        "           mac_src = 0a:0b:0c:0d:0e:0f\n              type = 0800\n");
 }
 
-// SLIP frames sent: exact bytes, id wrapping, the source as set up and per packet, dumps, counts.
+// SLIP frames sent: exact bytes (the id wrapping, a UDP sum 0 as FFFF), source, dumps and counts.
 TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
     line(2, 0.0026);  // the link's time-out rounds to 3 ms
     SerialBuf *sb = udp->slip_buf;
@@ -177,9 +181,8 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
                   dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) + dump("SLS:", want));
     std::memcpy(&sb->slip_ipaddr_src, "\xC0\xA8\x01\x07", 4);  // address bytes as they lie
     sb->slip_port_src = 5331, sb->slip_identification = 65535, udp->verbose = 0;
-    P k{"\xC0" "a\xDB" "b", 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255, 0x4000}, z = k;
-    z.id = 0;
-    for (const P &each : {k, zero_sum(z)}) {  // the id wraps; a UDP sum of 0 goes out as FFFF
+    P k{"\xC0" "a\xDB" "b", 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255, 0x4000};
+    for (const P &each : {k, zero_sum({"", k.src, k.sport, k.dst, k.dport, 0, 255, 0x4000})}) {
         ASSERT_EQ(write(4242, "10.0.0.1:5330", each.payload), 1);
         want += slip(packet(each));
     }
@@ -201,8 +204,7 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
 TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
     Bytes first = packet({"first"}), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
     bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff.replace(26, 2, "\xFF\xFF"), no_sum.replace(26, 2, 2, 0);
-    Bytes hdr60 = packet({"hdr60"}), big = packet({Bytes(2021, 'x')});
-    hdr60[0] = 0x4F;  // says 60 header bytes: unparsable
+    Bytes big = packet({Bytes(2021, 'x')}), hdr60 = Bytes(24, 'O');  // 'O' says 60 header bytes
     Bytes s = "noise\xC0x\xDB\x41\xC0\xC0";  // line noise, then a bad escape
     for (Bytes f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, packet(zero_sum({})),
                            packet({.payload = "opt", .opts = {"\1\1\1\0", 4}}), hdr60, big,
@@ -248,8 +250,7 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
     socklen_t len = sizeof on;
     getsockopt(udp->fd, SOL_SOCKET, SO_BROADCAST, &on, &len);
     EXPECT_EQ(on * 10 + ((fcntl(udp->fd, F_GETFL) & O_NONBLOCK) != 0), 11);
-    // Re-opened on p2; a destination is resolved once per new text, and a text that fails
-    // leaves the cached one as it was.
+    // Re-opened on p2; each new text is resolved once; a failing one leaves the cache as it was.
     int p2 = free_udp_port(), reply_from = 0;
     std::string huge(256, '1'), results, all;
     for (std::string to : {me, me, std::string("x.invalid:5000"), me, huge, std::string("nopo")})
@@ -258,6 +259,8 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
     while (udp_recv(client, &got, 300, &reply_from)) all += got;
     EXPECT_EQ(all + " " + std::to_string(reply_from), "aaa " + std::to_string(p2));
     EXPECT_EQ(sum(udp->bytes_written), 3 * (1 + 42));
+    udp_close(udp);
+    EXPECT_EQ(read(cport, -1.0), -2);  // the client's port is taken
     char dev[64], to[256];  // setup_mode splits a device form and passes other text through
     for (const char *arg : {"/dev/ttyS1:9600:q:5330", "q:5330", "/dev/ttyS1", "/dev/ttyS1:96"})
         all += std::to_string(setup_mode(arg, dev, 0, to)) + " " + dev + " " + to + "|";
@@ -267,6 +270,8 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
                             "udp_write: destination '" + huge + "' longer than 255 characters.\n"
                             "udp_setup_ipaddr: no port number in hostport argument 'nopo'.\n"
                             "udp_write: udp_setup_ipaddr(nopo) error.\n"
+                            "udp_open: bind() error. (Address already in use)\n"
+                            "udp_read: udp_open(" + std::to_string(cport) + ") error.\n"
                             "setup_mode: no baudrate number in hostport argument '/dev/ttyS1'.\n"
                             "setup_mode: no hostport in argument '/dev/ttyS1:96'.\n");
 }
