@@ -147,7 +147,7 @@ TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
     bad[11] ^= 1, bad[27] ^= 1;
     Bytes esc_last = slip(good), big = slip(packet({Bytes(2021, 'x')}));
     esc_last.back() = '\xDB';
-    ETHHdr e{{1, 2, 3, 4, 5, 6}, {10, 11, 12, 13, 14, 15}, 0x0800};
+    ETHHdr e{{0xa1, 0xb2, 0xc3, 0xd4, 0xe5, 0xf6}, {10, 11, 12, 13, 14, 15}, 0x88cc};
     EXPECT_EQ(logged([&] {
         for (Bytes f : {slip(bad), slip(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
             EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
@@ -162,8 +162,8 @@ TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
         "          port_dst = 5330\n            length = 14\n"
         "            chksum = " + word(bad, 26) + "(" + word(good, 26) + ")\n"
         "Payload 34 bytes.\nprotocol error.\nprotocol error.\nprotocol error.\nprotocol error.\n"
-        "Ethernet Header-----------------------------\n           mac_dst = 01:02:03:04:05:06\n"
-        "           mac_src = 0a:0b:0c:0d:0e:0f\n              type = 0800\n");
+        "Ethernet Header-----------------------------\n           mac_dst = a1:b2:c3:d4:e5:f6\n"
+        "           mac_src = 0a:0b:0c:0d:0e:0f\n              type = 88cc\n");
 }
 
 // SLIP frames sent: exact bytes (the id wrapping, a UDP sum 0 as FFFF), source, dumps and counts.
