@@ -10,13 +10,13 @@
 //   pmtfifo_pop    0 with the oldest pointer in *ptr, or 0 with nullptr in
 //                  *ptr when none came (empty without blocking, or the
 //                  blocking wait ran out of time); -1 bad argument or a failed
-//                  check (a message is registered); -3 released and empty.
+//                  check (a message is registered); -3 released.
 //
-// After pmtfifo_release_block nothing waits any more: push returns -3, and
-// pop still hands out what is queued, then returns -3. The pop of a released
-// FIFO fails rather than returning nullptr so that a consumer which only
-// looks at its shutdown flag when pop fails leaves its loop, instead of
-// spinning on empty successes for ever; and nothing queued is lost.
+// After pmtfifo_release_block nothing waits any more: push and pop return -3
+// at once, and what is still queued stays there for pmtfifo_destroy. The pop
+// of a released FIFO fails rather than returning nullptr so that a consumer
+// which only looks at its shutdown flag when pop fails leaves its loop,
+// instead of spinning on empty successes for ever.
 //
 // check != 0: push refuses nullptr (which a consumer could not tell from
 // "nothing came"), and every operation first verifies the list against
