@@ -1,6 +1,7 @@
 #include "stats/taverage.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <string>
@@ -14,8 +15,7 @@ namespace {
 
 // Every put in this program reads the time from fake_time.
 std::atomic<double> fake_time{0.0};
-[[maybe_unused]] const bool clock_is_fake =
-    (taverage_set_clock([] { return fake_time.load(); }), true);
+[[maybe_unused]] const bool clock_is_fake = (taverage_set_clock([] { return fake_time.load(); }), true);
 
 void put_at(TAverage *avg, double now, double value) {
     fake_time = now;
@@ -23,13 +23,11 @@ void put_at(TAverage *avg, double now, double value) {
 }
 std::vector<double> slots(const TAverage *avg, int n) { return {avg->bins, avg->bins + n}; }
 
-// Asks (time - twin, time]; checks the covered bounds and sum, then the average.
-void expect_get(TAverage *avg, double time, double twin, std::vector<double> want) {
-    SCOPED_TRACE("get " + std::to_string(time) + " " + std::to_string(twin));
+// Asks (time - twin, time]: the covered bounds, the sum and the average.
+std::vector<double> get(TAverage *avg, double time, double twin) {
     double sum = -1, ave = -1;
     EXPECT_EQ(taverage_get(avg, &time, &twin, &sum, &ave), 0);
-    EXPECT_EQ((std::vector<double>{time, twin, sum}), std::vector<double>(&want[0], &want[3]));
-    EXPECT_DOUBLE_EQ(ave, want[3]);
+    return {time, twin, sum, ave};
 }
 
 TEST(TAverage, BinnedPutsAndGets) {
@@ -41,51 +39,67 @@ TEST(TAverage, BinnedPutsAndGets) {
     put_at(avg, 960, 16);    // 60 s before: bin 6 does not exist, dropped
     EXPECT_EQ(avg->time, 1020);
     EXPECT_EQ(slots(avg, 5), (std::vector<double>{4, 3, 8, 0, 0}));
-    // Past: end bin (int)(15/10) = 1 -> 1010; start (int)((25-0.001)/10) = 2 -> 990; 11 in 20 s.
-    expect_get(avg, 1005, 10, {1010, 20, 11, 0.55});
-    expect_get(avg, 1020, 20, {1020, 20, 7, 0.35});
-    // Future: end bin -((int)((15-0.001)/10)+1) = -2 -> 1040; start bin 1 -> 1000; sums from bin 0.
-    expect_get(avg, 1035, 30, {1040, 40, 7, 7.0 / 40});
-    // A start 0.5 ms before the 1010 edge counts as on it: (int)((10.0005-0.001)/10) = bin 0.
-    expect_get(avg, 1020, 10.0005, {1020, 10, 4, 0.4});
+    struct Row { const char *behaviour; double time, twin; std::vector<double> want; };
+    const Row rows[] = {
+        {"past: end bin 1 (1010), start bin 2 (990)", 1005, 10, {1010, 20, 11, 0.55}},
+        {"the newest bins", 1020, 20, {1020, 20, 7, 0.35}},
+        {"future: end bin -2 (1040), the sum from bin 0", 1035, 30, {1040, 40, 7, 7.0 / 40}},
+        {"a start 0.5 ms before the 1010 edge lies on it", 1020, 10.0005, {1020, 10, 4, 0.4}},
+        {"an end 0.5 ms after the 1030 edge lies on it", 1030.0005, 20.0005, {1030, 20, 4, 0.2}},
+        {"an end 2 ms after it lies in the next bin", 1030.002, 20.002, {1040, 30, 4, 4.0 / 30}},
+        {"a far-off end and window: every bin", 1e12 + 1010, 1e12 + 1020, {1e12 + 1010, 1e12 + 1020, 15, 15 / (1e12 + 1020)}},
+        {"a far-off past: nothing", -1e12, 10, {-1e12, 10, 0, 0}}};
+    for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
     EXPECT_EQ(avg->time, 1110);
     EXPECT_EQ(slots(avg, 5), (std::vector<double>{0, 32, 0, 0, 0}));
     taverage_destroy(avg);
-
-    // Bins of 10 ns at 1e9 s are below the double's resolution there (about 119 ns), so the
-    // covered window rounds to 0 s: an empty sum averages 0, a non-empty one 1e30.
+    // Bins of 2^-14 s, below the margin of 1 ms: an end 2^-11 s after the newest bin still
+    // lies in the next one. Then bins of 10 ns at 1e9 s, below the double's resolution there:
+    // the covered window rounds to 0 s, so an empty sum averages 0, a non-empty one 1e30.
+    const double tiny = 1.0 / 16384;
+    avg = taverage_create(1, tiny, 4);
+    EXPECT_EQ(get(avg, 1 + tiny + 1.0 / 2048, tiny + 1.0 / 2048), (std::vector<double>{1 + 2 * tiny, 2 * tiny, 0, 0}));
+    taverage_destroy(avg);
     avg = taverage_create(1e9, 1e-8, 4);
-    expect_get(avg, 1e9, 1e-6, {1e9, 0, 0, 0});
+    EXPECT_EQ(get(avg, 1e9, 1e-6), (std::vector<double>{1e9, 0, 0, 0}));
     put_at(avg, 1e9, 5);
-    expect_get(avg, 1e9, 1e-6, {1e9, 0, 5, 1e30});
+    EXPECT_EQ(get(avg, 1e9, 1e-6), (std::vector<double>{1e9, 0, 5, 1e30}));
     taverage_destroy(avg);
 }
 
 TEST(TAverage, EventsExpireAndGrow) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(taverage_create(0, 0, 5), nullptr);
-    EXPECT_EQ(taverage_create(0, 1, 0), nullptr);  // binned needs a bin; events get 100 slots
-    elog_clear_register(1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("taverage_create: tbin cannot be == 0"), std::string::npos) << err;
-    EXPECT_NE(err.find("taverage_create: nbin = 0 must be > 0"), std::string::npos) << err;
     TAverage *avg = taverage_create(10, -1, 0);  // 10 s window
     ASSERT_EQ(avg->nbin, 100);
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
     EXPECT_EQ(slots(avg, 4), (std::vector<double>{1002, 1001, 1000, 0}));
-    expect_get(avg, 1002, 1.5, {1002, 1.5, 2, 0});    // 1002 and 1001; the walk stops at 1000
-    expect_get(avg, 1001.5, 10, {1001.5, 10, 2, 0});  // 1002 lies after the end: skipped
+    EXPECT_EQ(get(avg, 1002, 1.5), (std::vector<double>{1002, 1.5, 2, 0}));    // the walk stops at 1000
+    EXPECT_EQ(get(avg, 1001.5, 10), (std::vector<double>{1001.5, 10, 2, 0}));  // 1002 is after the end
     put_at(avg, 1011, 0);  // 1000 is 11 s old and goes; 1001 is exactly 10 s old and stays
     EXPECT_EQ(slots(avg, 4), (std::vector<double>{1011, 1002, 1001, 0}));
     taverage_destroy(avg);
-
     avg = taverage_create(1e6, -1, 0);
     for (int i = 1; i <= 101; i++) put_at(avg, i, 0);
     ASSERT_EQ(avg->nbin, 151);  // the 101st put found no free slot: (int)(100*1.5)+1
     EXPECT_EQ((std::vector<double>{avg->bins[0], avg->bins[100], avg->bins[101], avg->bins[150]}),
               (std::vector<double>{101, 1, 0, 0}));
     EXPECT_EQ(taverage_destroy(avg) + taverage_destroy(nullptr), 0);
+}
+
+TEST(TAverageDeathTest, CreateFailuresNameTheirCauseAndByteCountsPastTheIntRange) {
+    auto fail = [](double tbin, int nbin) {
+        struct rlimit small = {1 << 30, 1 << 30};  // 1 GiB of address space: the bins cannot fit
+        setrlimit(RLIMIT_AS, &small);
+        errno = EAGAIN;  // left over from an earlier call: no message may carry it
+        if (taverage_create(0, tbin, nbin) == nullptr) elog_die(0, "end\n");
+        exit(0);
+    };
+    EXPECT_EXIT(fail(0, 5), testing::ExitedWithCode(1), "taverage_create: tbin cannot be == 0\n");
+    EXPECT_EXIT(fail(1, 0), testing::ExitedWithCode(1), "taverage_create: nbin = 0 must be > 0\n");
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need the address space
+    EXPECT_EXIT(fail(1, 300000000), testing::ExitedWithCode(1),
+                "taverage_create: malloc\\(TAverage->bins,2400000000\\) error\\. \\(Cannot allocate memory\\)\n");
+#endif
 }
 
 TEST(TAverage, ThreadsPutAndGetAtOnce) {
@@ -102,9 +116,9 @@ TEST(TAverage, ThreadsPutAndGetAtOnce) {
             }
         });
     for (auto &t : threads) t.join();
-    expect_get(binned, 101, 1, {101, 1, 2000, 2000});
+    EXPECT_EQ(get(binned, 101, 1), (std::vector<double>{101, 1, 2000, 2000}));
     EXPECT_EQ(events->nbin, 227);  // 200 events: 100 -> 151 -> (int)(151*1.5)+1
-    expect_get(events, 100.5, 1, {100.5, 1, 200, 0});
+    EXPECT_EQ(get(events, 100.5, 1), (std::vector<double>{100.5, 1, 200, 0}));
     taverage_destroy(binned);
     taverage_destroy(events);
 }
