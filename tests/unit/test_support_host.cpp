@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <string>
 #include <thread>
+
+#include "support/elog.h"
+#include "support/host_lookup.h"
 
 namespace {
 
@@ -28,23 +32,58 @@ TEST(Host, NowName2ipAndSignals) {
     EXPECT_TRUE(alrm.sa_handler == SIG_IGN && (alrm.sa_flags & SA_RESTART));
 }
 
-// Threads racing on unknown addresses 192.0.2.16 to .18 (TEST-NET-1) get -1 and the dotted
-// text every time; each address is complained about once, the cache answering silently after.
-TEST(Host, Ip2nameComplainsOncePerUnknownAddress) {
-    testing::internal::CaptureStderr();
-    auto racer = [] {
-        char name[256];
-        for (int i = 0; i < 30; i++) {
-            EXPECT_EQ(ip2name(0xc0000210 + i % 3, name), -1);
-            EXPECT_EQ(name, "192.0.2." + std::to_string(16 + i % 3));
-        }
-    };
-    { std::jthread a(racer), b(racer), c(racer), d(racer); }
-    std::string err = testing::internal::GetCapturedStderr();
-    for (std::string a : {"16", "17", "18"}) {
-        std::string msg = "Can't lookup hostname for ip address 192.0.2." + a + "\n";
-        EXPECT_TRUE(err.find(msg) != std::string::npos && err.find(msg) == err.rfind(msg)) << err;
+// A resolver that names 10.0.0.1, and 127.0.0.1 (as the shortcut must not), knows nothing else,
+// and holds 192.0.2.99 until released, for at most 10 s.
+std::atomic<int> lookups{0};
+std::atomic<bool> holding{false}, released{false}, released_in_time{false};
+bool fake_lookup(std::uint32_t ip, char *name) {
+    ++lookups;
+    if (ip == 0xc0000263) {
+        holding = true;
+        for (int i = 0; i < 1000 && !released; i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        released_in_time = released.load();
     }
+    if (ip == 0x0a000001 || ip == 0x7f000001) std::strcpy(name, ip == 0x7f000001 ? "resolver" : "ten-one");
+    return ip == 0x0a000001 || ip == 0x7f000001;
+}
+
+// ip2name's result and name, the look-ups it made, and "complained" for its one warning.
+std::string named(std::uint32_t ip) {
+    char name[256] = "";
+    int before = lookups;
+    testing::internal::CaptureStderr();
+    int rc = ip2name(ip, name);
+    std::string err = testing::internal::GetCapturedStderr();
+    if (err.ends_with(std::string("korvane: warning: Can't lookup hostname for ip address ") + name + "\n"))
+        err = " complained";
+    return std::to_string(rc) + " " + name + " " + std::to_string(lookups - before) + err;
+}
+
+TEST(Host, Ip2nameCachesFailuresBoundedAndLooksUpOutsideItsLock) {
+    char arg0[] = "korvane", *argv[] = {arg0, nullptr}, name[256];
+    elog_init(1, argv);
+    ip2name_set_lookup(fake_lookup);
+    struct Row { const char *behaviour; std::uint32_t ip; const char *want; };
+    const Row rows[] = {{"loopback without the resolver", 0x7f000001, "0 localhost 0"},
+                        {"a named host", 0x0a000001, "0 ten-one 1"},
+                        {"named hosts are not cached", 0x0a000001, "0 ten-one 1"},
+                        {"an unknown address: dotted, complained", 0xc0000210, "-1 192.0.2.16 1 complained"},
+                        {"then from the cache, silently", 0xc0000210, "-1 192.0.2.16 0"},
+                        {"every byte in its place", 0xc0a80132, "-1 192.168.1.50 1 complained"}};
+    for (const Row &r : rows) EXPECT_EQ(named(r.ip), r.want) << r.behaviour;
+    // 255 more failures fill the cache past its bound: the oldest (192.0.2.16) is forgotten.
+    for (std::uint32_t i = 0; i < IP2NAME_FAILURES_MAX - 1; i++) named(0xc6120000 + i);
+    EXPECT_EQ(named(0xc0a80132), "-1 192.168.1.50 0");
+    EXPECT_EQ(named(0xc0000210), "-1 192.0.2.16 1 complained");
+    // While one thread waits on a slow look-up, others are answered.
+    std::thread slow([&name] { ip2name(0xc0000263, name); });
+    while (!holding) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(named(0xc6120005), "-1 198.18.0.5 0");
+    EXPECT_EQ(named(0x0a000001), "0 ten-one 1");
+    released = true;
+    slow.join();
+    EXPECT_TRUE(released_in_time) << "a look-up waited for another thread's";
+    ip2name_set_lookup(nullptr);
 }
 
 }  // namespace
