@@ -48,19 +48,6 @@ int wait_for(Pmtfifo *fifo, pthread_cond_t *cond, Ready ready) {
     }
 }
 
-// True when the list from head to tail agrees with queue and maxqueue.
-// The walk stops after maxqueue + 1 steps, so a looped list cannot hang it.
-bool list_ok(const Pmtfifo *fifo) {
-    if (fifo->queue < 0 || fifo->queue > fifo->maxqueue) return false;
-    const MtfifoElement *prev = nullptr;
-    int count = 0;
-    for (const MtfifoElement *e = fifo->head; e; e = e->next) {
-        if (e->prev != prev || ++count > fifo->maxqueue) return false;
-        prev = e;
-    }
-    return prev == fifo->tail && count == fifo->queue;
-}
-
 int init_sync(Pmtfifo *fifo) {
     pthread_condattr_t attr;
     if (pthread_condattr_init(&attr) != 0) return -1;
@@ -126,10 +113,6 @@ int pmtfifo_push(Pmtfifo *fifo, void *ptr) {
         return FIFO_FAILED;
     }
     PthreadLock lock(&fifo->mutex);
-    if (fifo->check && !list_ok(fifo)) {
-        elog_log(0, "pmtfifo_push: the FIFO's list is inconsistent\n");
-        return FIFO_FAILED;
-    }
     int rc = wait_for(fifo, &fifo->producer_cond, [fifo] { return fifo->queue < fifo->maxqueue; });
     if (rc != 0) return rc;
     MtfifoElement *e = element.release();
@@ -151,10 +134,6 @@ int pmtfifo_pop(Pmtfifo *fifo, void **ptr) {
     std::unique_ptr<MtfifoElement> element;
     {
         PthreadLock lock(&fifo->mutex);
-        if (fifo->check && !list_ok(fifo)) {
-            elog_log(0, "pmtfifo_pop: the FIFO's list is inconsistent\n");
-            return FIFO_FAILED;
-        }
         int rc = wait_for(fifo, &fifo->consumer_cond, [fifo] { return fifo->queue > 0; });
         if (rc == FIFO_RELEASED) return rc;
         if (rc == FIFO_NOT_NOW) return 0;

@@ -2,24 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <ctime>
 #include <functional>
 #include <regex>
-#include <string>
 #include <thread>
 
 namespace {
 
-// What fn wrote to standard error, each line checked for the UTC time stamp (within a minute
-// of now) and the program's base name, and given back without them.
+// What fn wrote to standard error, each line checked for the UTC time stamp (within a minute of now) and
+// the program's base name, and given back without them.
 std::string logged(const std::function<void()> &fn) {
-    testing::internal::CaptureStderr();
-    fn();
-    std::string err = testing::internal::GetCapturedStderr(), out;
-    std::smatch m;
+    std::string err = (testing::internal::CaptureStderr(), fn(), testing::internal::GetCapturedStderr()), out;
     std::regex line("(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d)\\.\\d{3} korvane: (.*)\n");
-    for (; std::regex_search(err, m, line, std::regex_constants::match_continuous); err = m.suffix()) {
+    for (std::smatch m; std::regex_search(err, m, line, std::regex_constants::match_continuous); err = m.suffix()) {
         struct tm tm = {};
         strptime(m[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &tm);
         EXPECT_LT(std::abs(double(timegm(&tm) - time(nullptr))), 60) << m[1];
@@ -27,6 +21,7 @@ std::string logged(const std::function<void()> &fn) {
     }
     return out + err;  // anything that is not such a line shows up in the comparison
 }
+void print_register() { elog_clear_register(1); }
 
 }  // namespace
 
@@ -38,31 +33,30 @@ TEST(Elog, EveryKindOfLineAndTheErrorTextOfFlagOne) {
         {"notify is plain", [] { elog_notify(0, "note %d\n", 1); }, "note 1\n"},
         {"complain warns; no newline needed", [] { elog_complain(0, "careful"); }, "warning: careful\n"},
         {"debug", [] { elog_debug(0, "detail\n"); }, "debug: detail\n"},
-        {"flag 1 adds errno's text", [] { errno = ENOENT, elog_notify(1, "open\n"); },
-         "open (No such file or directory)\n"},
+        {"flag 1 adds errno's text", [] { errno = ENOENT, elog_notify(1, "open\n"); }, "open (No such file or directory)\n"},
         {"flag 1 with errno 0 adds nothing", [] { errno = 0, elog_complain(1, "recv\n"); }, "warning: recv\n"},
         {"flag 0 never adds", [] { errno = EACCES, elog_debug(0, "plain\n"); }, "debug: plain\n"},
-        {"an empty message", [] { elog_notify(0, "\n"); }, "\n"}};
+        {"an empty message", [] { elog_notify(0, "%s", ""); }, "\n"}};
     for (const Row &r : rows) EXPECT_EQ(logged(r.call), r.line) << r.behaviour;
 }
 
 TEST(Elog, RegisterPerThreadOldestFirstBoundedToTheNewest) {
     errno = ENOENT;
-    elog_log(1, "open failed\n");  // errno as it was at the call
+    elog_log(1, "open failed\n");  // errno as it was at the call, and kept
     EXPECT_EQ(errno, ENOENT);
     errno = EACCES;
     elog_log(0, "plain\n");
     std::string other;  // another thread has its own register
-    std::thread([&] { elog_log(0, "worker\n"), other = logged([] { elog_clear_register(1); }); }).join();
+    std::thread([&] { elog_log(0, "worker\n"), other = logged(print_register); }).join();
     EXPECT_EQ(other, "worker\n");
-    EXPECT_EQ(logged([] { elog_clear_register(1); }), "open failed (No such file or directory)\nplain\n");
-    EXPECT_EQ(logged([] { elog_clear_register(1); }), "");  // printing empties it
+    EXPECT_EQ(logged(print_register), "open failed (No such file or directory)\nplain\n");
+    EXPECT_EQ(logged(print_register), "");  // printing empties it
     elog_log(0, "dropped\n");
     elog_clear_register(0);
     std::string newest;  // a thread that never clears keeps only the newest messages
     for (int i = 0; i < ELOG_REGISTER_MAX + 3; i++) elog_log(0, "m%d\n", i);
     for (int i = 3; i < ELOG_REGISTER_MAX + 3; i++) newest += "m" + std::to_string(i) + "\n";
-    EXPECT_EQ(logged([] { elog_clear_register(1); }), newest);
+    EXPECT_EQ(logged(print_register), newest);
 }
 
 TEST(ElogDeathTest, DieWritesRegisteredMessagesFirstAndExitsOne) {

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
 #include <thread>
-#include <vector>
 
 #include "support/elog.h"
 
@@ -33,22 +31,10 @@ TEST(Pmtfifo, OrderLimitCheckAndReleaseWithoutBlocking) {
     EXPECT_EQ(got, (std::vector<int>{0, 0, 0, -2, -1}));  // full; nullptr refused by check
     EXPECT_EQ(pop_n(fifo, 4), (Values{1, 2, 3, 0}));     // in order, then nothing, no error
     void *p = nullptr;
-    EXPECT_EQ((std::vector<int>{pmtfifo_create(0, 1, 0) != nullptr, pmtfifo_push(nullptr, p),
-                                pmtfifo_pop(nullptr, &p), pmtfifo_pop(fifo, nullptr),
-                                pmtfifo_release_block(nullptr), pmtfifo_destroy(nullptr, nullptr)}),
+    EXPECT_EQ((std::vector<int>{pmtfifo_create(0, 1, 0) != nullptr, pmtfifo_push(nullptr, p), pmtfifo_pop(nullptr, &p),
+                                pmtfifo_pop(fifo, nullptr), pmtfifo_release_block(nullptr), pmtfifo_destroy(nullptr, nullptr)}),
               (std::vector<int>{0, -1, -1, -1, -1, 0}));
-    // A checked FIFO whose list disagrees with its count, links or tail fails push and pop.
     for (int i = 1; i <= 2; ++i) ASSERT_EQ(pmtfifo_push(fifo, item(i)), 0);
-    MtfifoElement *a = fifo->head, *b = a->next;
-    auto damaged = [&](auto damage) {
-        damage();
-        Values rc = {pop_n(fifo, 1)[0], std::uintptr_t(-pmtfifo_push(fifo, item(7)))};
-        fifo->queue = 2, fifo->tail = b, b->prev = a;
-        return rc;
-    };
-    for (auto rc : {damaged([&] { fifo->queue = 3; }), damaged([&] { fifo->queue = -1; }),
-                    damaged([&] { fifo->tail = a; }), damaged([&] { b->prev = nullptr; })})
-        EXPECT_EQ(rc, (Values{1000, 1}));
     // Released, it answers at once even with pointers queued; destroy frees those.
     EXPECT_EQ(pmtfifo_release_block(fifo), 0);
     EXPECT_EQ(std::pair(pmtfifo_push(fifo, item(5)), pop_n(fifo, 1)), std::pair(-3, Values{3000}));
@@ -59,6 +45,7 @@ TEST(Pmtfifo, OrderLimitCheckAndReleaseWithoutBlocking) {
 }
 
 // Blocking: a push waits for room, a pop for an item (up to the time-out); release wakes both.
+// Two producers lose and duplicate nothing, each one's items in order.
 TEST(Pmtfifo, BlockingWaitsForRoomItemTimeOutOrRelease) {
     Pmtfifo *fifo = pmtfifo_create(10, 1, 0), *empty = pmtfifo_create(1, 1, 0);
     for (int i = 1; i <= 10; ++i) ASSERT_EQ(pmtfifo_push(fifo, item(i)), 0);
@@ -68,6 +55,11 @@ TEST(Pmtfifo, BlockingWaitsForRoomItemTimeOutOrRelease) {
     EXPECT_FALSE(done) << "a push onto a full blocking FIFO returned";
     EXPECT_EQ(pop_n(fifo, 11), (Values{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));  // a pop lets it in
     producer.join();
+    std::thread twins[] = {std::thread([fifo] { for (int i = 1; i <= 5000; ++i) pmtfifo_push(fifo, item(2 * i)); }),
+                           std::thread([fifo] { for (int i = 1; i <= 5000; ++i) pmtfifo_push(fifo, item(2 * i + 1)); })};
+    std::uintptr_t next[] = {2, 3};
+    for (std::uintptr_t v : pop_n(fifo, 10000)) EXPECT_EQ(v, std::exchange(next[v % 2], v + 2));
+    for (auto &t : twins) t.join();
     fifo->timeout = 0.3;
     EXPECT_EQ(pop_n(fifo, 1), Values{0});  // a blocking pop on an empty FIFO gives up, no error
     fifo->timeout = 0;
@@ -78,25 +70,7 @@ TEST(Pmtfifo, BlockingWaitsForRoomItemTimeOutOrRelease) {
     producer = std::thread([&] { pushed = pmtfifo_push(fifo, item(11)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(pmtfifo_release_block(empty) + pmtfifo_release_block(fifo), 0);
-    consumer.join();
-    producer.join();
+    consumer.join(), producer.join();
     EXPECT_EQ(std::pair(popped, pushed), std::pair(Values{3000}, -3));
-    pmtfifo_destroy(empty, nullptr);
-    pmtfifo_destroy(fifo, nullptr);
-}
-
-TEST(Pmtfifo, ManyProducersOneConsumerLoseAndDuplicateNothing) {
-    constexpr int producers = 4, per_producer = 10000;
-    Pmtfifo *fifo = pmtfifo_create(10, 1, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < producers; ++t)
-        threads.emplace_back([fifo, t] {
-            for (int i = 0; i < per_producer; ++i)
-                EXPECT_EQ(pmtfifo_push(fifo, item(std::uintptr_t(t) * per_producer + i + 1)), 0);
-        });
-    std::vector<int> next(producers, 0);  // each producer's items in order, none lost or twice
-    for (std::uintptr_t v : pop_n(fifo, producers * per_producer))  // at() fails on a 0
-        EXPECT_EQ(int((v - 1) % per_producer), next.at((v - 1) / per_producer)++);
-    for (auto &th : threads) th.join();
-    pmtfifo_destroy(fifo, nullptr);
+    pmtfifo_destroy(empty, nullptr), pmtfifo_destroy(fifo, nullptr);
 }
