@@ -79,7 +79,7 @@ bool resolve_name(std::uint32_t ipaddr, char *name) {
 }
 
 // The reverse look-up ip2name calls; tests replace it.
-std::atomic<bool (*)(std::uint32_t, char *)> reverse_lookup{resolve_name};
+std::atomic<Ip2nameLookup> reverse_lookup{resolve_name};
 
 // Sets signal sig to be ignored; false when sigaction refused.
 bool ignore_signal(int sig) {
@@ -135,9 +135,7 @@ int ip2name(std::uint32_t ipaddr, char *name) {
     return -1;
 }
 
-void ip2name_set_lookup(bool (*lookup)(std::uint32_t ipaddr, char *name)) {
-    reverse_lookup.store(lookup ? lookup : resolve_name);
-}
+Ip2nameLookup ip2name_set_lookup(Ip2nameLookup lookup) { return reverse_lookup.exchange(lookup ? lookup : resolve_name); }
 
 int ignoreSIGPIPE(void) {
     if (!ignore_signal(SIGPIPE)) elog_die(1, "Unexpected failure: file %s, line %d\n", "ignoreSIGPIPE", 18);

@@ -4,7 +4,10 @@
 
 #include <cstdint>
 
-// Makes ip2name call lookup (true with the host name written into name,
-// 256 bytes; false when it cannot be named) instead of the resolver;
-// nullptr restores the resolver.
-void ip2name_set_lookup(bool (*lookup)(std::uint32_t ipaddr, char *name));
+// A reverse look-up: true with the host name of the host-order address
+// written into name (256 bytes), false when it cannot be named.
+using Ip2nameLookup = bool (*)(std::uint32_t ipaddr, char *name);
+
+// Makes ip2name call lookup instead of the resolver (nullptr restores the
+// resolver); returns the look-up it replaced.
+Ip2nameLookup ip2name_set_lookup(Ip2nameLookup lookup);

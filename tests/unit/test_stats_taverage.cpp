@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-
 #include <unistd.h>
 
 #include <atomic>
@@ -14,25 +13,23 @@
 #include "stats/taverage_clock.h"
 #include "support/elog.h"
 
-namespace {
-
-std::atomic<double> fake_time{0.0};  // every put in this program reads the time from here
-[[maybe_unused]] const bool clock_is_fake = (taverage_set_clock([] { return fake_time.load(); }), true);
-
 using V = std::vector<double>;
-void put_at(TAverage *avg, double now, double value) { fake_time = now, taverage_put(avg, value); }
-V slots(const TAverage *avg, int n) { return {avg->bins, avg->bins + n}; }
+static std::atomic<double> fake_time{0.0};  // every put in this program reads the time from here
+[[maybe_unused]] static const bool clock_is_fake = (taverage_set_clock([] { return fake_time.load(); }), true);
+static void put_at(TAverage *avg, double now, double value) { fake_time = now, taverage_put(avg, value); }
+static V slots(const TAverage *avg, int n) { return {avg->bins, avg->bins + n}; }
 // Asks (time - twin, time]: the covered bounds, the sum and the average.
-V get(TAverage *avg, double time, double twin) {
+static V get(TAverage *avg, double time, double twin) {
     double sum = -1, ave = -1;
-    EXPECT_EQ(taverage_get(avg, &time, &twin, &sum, &ave), 0);
-    return {time, twin, sum, ave};
+    return taverage_get(avg, &time, &twin, &sum, &ave) == 0 ? V{time, twin, sum, ave} : V{};
 }
 
 TEST(TAverage, BinnedPutsAndGets) {
-    TAverage *avg = taverage_create(1000, 10, 5);  // newest bin ends at 1010
-    // Bin 0 from 5 s before its end to the end itself; 0.5 s past it: one step to 1020, the old bin 0
-    // moves to 1; 25 s before 1020: bin 2; 60 s before: bin 6 does not exist, dropped.
+    // Newest bin ends at 1010; the bins are lent a guarded array, so that a step past them shows.
+    TAverage *avg = taverage_create(1000, 10, 5);
+    double guarded[7] = {1e6, 0, 0, 0, 0, 0, 1e6}, *own = std::exchange(avg->bins, guarded + 1);
+    // Bin 0 from 5 s before its end to the end itself; 0.5 s past it: one step to 1020, the old bin 0 moves
+    // to 1; 25 s before 1020: bin 2; 60 s before: bin 6 does not exist, dropped.
     for (auto [now, value] : {std::pair(1005.0, 1.0), {1010, 2}, {1010.5, 4}, {995, 8}, {960, 16}}) put_at(avg, now, value);
     EXPECT_EQ(std::pair(avg->time, slots(avg, 5)), std::pair(1020.0, V{4, 3, 8, 0, 0}));
     struct Row { const char *behaviour; double time, twin; V want; };
@@ -48,58 +45,61 @@ TEST(TAverage, BinnedPutsAndGets) {
     for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
     EXPECT_EQ(std::pair(avg->time, slots(avg, 5)), std::pair(1110.0, V{0, 32, 0, 0, 0}));
-    taverage_destroy(avg);
+    EXPECT_EQ(std::pair(guarded[0], guarded[6]), std::pair(1e6, 1e6));
+    avg->bins = own;
     // Bins of 2^-14 s, narrower than the 1 ms margin: an end 2^-11 s after the newest bin lies in the next.
+    // Bins of 10 ns at 1e9 s, below the double's resolution there: the covered window rounds to 0 s, so an
+    // empty sum averages 0, a non-empty one 1e30.
     const double tiny = 1.0 / 16384;
-    avg = taverage_create(1, tiny, 4);
-    EXPECT_EQ(get(avg, 1 + tiny + 1.0 / 2048, tiny + 1.0 / 2048), (V{1 + 2 * tiny, 2 * tiny, 0, 0}));
-    taverage_destroy(avg);
-    // Bins of 10 ns at 1e9 s, below the double's resolution there: the covered window rounds to 0 s,
-    // so an empty sum averages 0, a non-empty one 1e30.
-    avg = taverage_create(1e9, 1e-8, 4);
-    EXPECT_EQ(get(avg, 1e9, 1e-6), (V{1e9, 0, 0, 0}));
-    put_at(avg, 1e9, 5);
-    EXPECT_EQ(get(avg, 1e9, 1e-6), (V{1e9, 0, 5, 1e30}));
-    taverage_destroy(avg);
+    TAverage *narrow = taverage_create(1, tiny, 4), *fine = taverage_create(1e9, 1e-8, 4);
+    EXPECT_EQ(get(narrow, 1 + tiny + 1.0 / 2048, tiny + 1.0 / 2048), (V{1 + 2 * tiny, 2 * tiny, 0, 0}));
+    EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 0, 0}));
+    put_at(fine, 1e9, 5);
+    EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 5, 1e30}));
+    taverage_destroy(avg), taverage_destroy(narrow), taverage_destroy(fine);
 }
 
 TEST(TAverage, EventsExpireAndGrow) {
-    TAverage *avg = taverage_create(10, -1, 0);  // a 10 s window, 100 slots
+    TAverage *avg = taverage_create(10, -1, 0), *many = taverage_create(1e6, -1, 0);  // 10 s window, 100 slots
+    TAverage *none = taverage_create(-1, -1, 0);  // a negative window forgets even the put just made
+    put_at(none, 5, 0);
+    EXPECT_EQ(none->bins[0], 0);
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
     EXPECT_EQ(std::pair(avg->nbin, slots(avg, 4)), std::pair(100, V{1002, 1001, 1000, 0}));
     EXPECT_EQ(get(avg, 1002, 1.5), (V{1002, 1.5, 2, 0}));    // the walk stops at 1000
     EXPECT_EQ(get(avg, 1001.5, 10), (V{1001.5, 10, 2, 0}));  // 1002 is after the end
     put_at(avg, 1011, 0);  // 1000 is 11 s old and goes; 1001 is exactly 10 s old and stays
     EXPECT_EQ(slots(avg, 4), (V{1011, 1002, 1001, 0}));
-    taverage_destroy(avg);
-    avg = taverage_create(1e6, -1, 0);
-    for (int i = 1; i <= 101; i++) put_at(avg, i, 0);  // the 101st finds no free slot: (int)(100*1.5)+1
-    EXPECT_EQ(std::pair(avg->nbin, V{avg->bins[0], avg->bins[100], avg->bins[101], avg->bins[150]}),
+    for (int i = 1; i <= 101; i++) put_at(many, i, 0);  // the 101st finds no free slot: (int)(100*1.5)+1
+    EXPECT_EQ(std::pair(many->nbin, V{many->bins[0], many->bins[100], many->bins[101], many->bins[150]}),
               std::pair(151, V{101, 1, 0, 0}));
-    EXPECT_EQ(taverage_destroy(avg) + taverage_destroy(nullptr), 0);
+    EXPECT_EQ(taverage_destroy(avg) + taverage_destroy(many) + taverage_destroy(none) + taverage_destroy(nullptr), 0);
 }
 
-// The argument checks carry no error text left over from an earlier call; a byte count past the int
-// range is printed whole (with 256 MiB more address space, the bins cannot be had).
-TEST(TAverage, CreateFailuresNameTheirCause) {
+// The argument checks carry no error text left over from an earlier call; byte counts are printed whole,
+// past the int range too (with only 256 MiB more address space than now, the bins cannot be had).
+TEST(TAverageDeathTest, FailuresNameTheirCause) {
     long pages = 0, nbin = INT_MAX;
     std::ifstream("/proc/self/statm") >> pages;
-    struct rlimit old;
-    getrlimit(RLIMIT_AS, &old);
-    struct rlimit small = {rlim_t(pages * sysconf(_SC_PAGESIZE) + (256 << 20)), old.rlim_max};
+    struct rlimit old, small = {rlim_t(pages * sysconf(_SC_PAGESIZE) + (256 << 20)), (getrlimit(RLIMIT_AS, &old), old.rlim_max)};
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // they need the address space
     nbin = 0;
 #endif
     errno = EAGAIN;
     testing::internal::CaptureStderr();
-    setrlimit(RLIMIT_AS, &small);
-    TAverage *made[] = {taverage_create(0, 0, 5), taverage_create(0, 1, 0), nbin ? taverage_create(0, 1, nbin) : nullptr};
-    setrlimit(RLIMIT_AS, &old);
+    std::vector<TAverage *> made = {(setrlimit(RLIMIT_AS, &small), taverage_create(0, 0, 5)), taverage_create(0, 1, 0),
+                                    nbin ? taverage_create(0, 1, int(nbin)) : nullptr, (setrlimit(RLIMIT_AS, &old), nullptr)};
     std::string err = (elog_clear_register(1), testing::internal::GetCapturedStderr());
-    EXPECT_EQ(std::vector<TAverage *>(made, made + 3), std::vector<TAverage *>(3, nullptr));
     std::string want = "tbin cannot be == 0\n.* taverage_create: nbin = 0 must be > 0\n";
     if (nbin) want += ".* taverage_create: malloc\\(TAverage->bins,17179869176\\) error\\. \\(Cannot allocate memory\\)\n";
+    EXPECT_EQ(made, std::vector<TAverage *>(4, nullptr));
     EXPECT_TRUE(std::regex_match(err, std::regex(".* taverage_create: " + want))) << err;
+    if (!nbin) return;
+    TAverage *full = taverage_create(1, -1, 25000000);  // 200 MB of event slots, all taken: no room for 300 MB
+    std::fill(full->bins, full->bins + full->nbin, 1.0);
+    EXPECT_EXIT((setrlimit(RLIMIT_AS, &small), put_at(full, 2, 0)), testing::ExitedWithCode(1),
+                "taverage_put: realloc \\(300000008\\) error\\. \\(Cannot allocate memory\\)\n");
+    taverage_destroy(full);
 }
 
 TEST(TAverage, ThreadsPutAndGetAtOnce) {
@@ -108,16 +108,11 @@ TEST(TAverage, ThreadsPutAndGetAtOnce) {
     std::vector<std::jthread> threads(4);
     for (auto &t : threads)
         t = std::jthread([&] {
-            double time = 101, twin = 1, sum, ave;
-            for (int i = 0; i < 500; i++) {
-                taverage_put(binned, 1.0), taverage_get(binned, &time, &twin, &sum, &ave);
-                if (i % 10 == 0) taverage_put(events, 0);
-            }
+            for (double i = 0, time = 101, twin = 1, sum, ave; i < 500; i++)
+                taverage_put(binned, 1.0), taverage_get(binned, &time, &twin, &sum, &ave), i < 50 && taverage_put(events, 0);
         });
     threads.clear();
-    EXPECT_EQ(get(binned, 101, 1), (V{101, 1, 2000, 2000}));
-    EXPECT_EQ(std::pair(events->nbin, get(events, 100.5, 1)), std::pair(227, V{100.5, 1, 200, 0}));
+    EXPECT_EQ(std::pair(events->nbin, get(binned, 101, 1)), std::pair(227, V{101, 1, 2000, 2000}));  // 100, 151, 227
+    EXPECT_EQ(get(events, 100.5, 1), (V{100.5, 1, 200, 0}));
     taverage_destroy(binned), taverage_destroy(events);
 }
-
-}  // namespace

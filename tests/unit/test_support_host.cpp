@@ -14,17 +14,16 @@ namespace {
 
 TEST(Host, NowName2ipAndSignals) {
     EXPECT_NEAR(std_now(), double(time(nullptr)), 2.0);
-    std::uint32_t addr = 0;
-    char text[16];
-    ASSERT_EQ(name2ip("localhost", &addr, text), 0);
-    EXPECT_EQ(std::pair(std::memcmp(&addr, "\x7f\0\0\x01", 4), std::string(text)), std::pair(0, std::string("127.0.0.1")));
-    EXPECT_EQ(name2ip("no-such-host.invalid", &addr, text), -1);
-    EXPECT_EQ(std::pair(addr, std::string(text)), std::pair(0xffffffffu, std::string()));
-    EXPECT_EQ(ignoreSIGPIPE() + ignoreSIGALRM(), 0);
-    struct sigaction pipe, alrm;
-    ASSERT_EQ(sigaction(SIGPIPE, nullptr, &pipe) + sigaction(SIGALRM, nullptr, &alrm), 0);
-    EXPECT_TRUE(pipe.sa_handler == SIG_IGN && (pipe.sa_flags & SA_RESTART) && sigisemptyset(&pipe.sa_mask));
-    EXPECT_TRUE(alrm.sa_handler == SIG_IGN && (alrm.sa_flags & SA_RESTART) && sigisemptyset(&alrm.sa_mask));
+    std::uint32_t addr[2];
+    char text[2][16];
+    EXPECT_EQ((std::vector<int>{name2ip("localhost", &addr[0], text[0]), name2ip("no-such-host.invalid", &addr[1], text[1])}),
+              (std::vector<int>{0, -1}));
+    EXPECT_EQ(std::memcmp(&addr, "\x7f\0\0\x01\xff\xff\xff\xff", 8), 0);  // network order as it lies in memory
+    EXPECT_EQ(std::string(text[0]) + "|" + text[1], "127.0.0.1|");
+    struct sigaction act[2];
+    EXPECT_EQ((std::vector<int>{ignoreSIGPIPE(), ignoreSIGALRM(), sigaction(SIGPIPE, nullptr, &act[0]),
+                                sigaction(SIGALRM, nullptr, &act[1])}), std::vector<int>(4, 0));
+    for (auto &a : act) EXPECT_TRUE(a.sa_handler == SIG_IGN && (a.sa_flags & SA_RESTART) && sigisemptyset(&a.sa_mask));
 }
 
 // A resolver that names 10.0.0.1, and 127.0.0.1 (as the shortcut must not), knows nothing else, and
@@ -53,7 +52,8 @@ std::string named(std::uint32_t ip) {
 TEST(Host, Ip2nameCachesFailuresBoundedAndLooksUpOutsideItsLock) {
     char arg0[] = "korvane", *argv[] = {arg0, nullptr}, name[256];
     elog_init(1, argv);
-    ip2name_set_lookup(fake_lookup);
+    Ip2nameLookup resolver = ip2name_set_lookup(fake_lookup);
+    EXPECT_EQ((std::pair{resolver(0x7f000001, name), std::string(name)}), std::pair(true, std::string("localhost")));
     struct Row { const char *behaviour; std::uint32_t ip; const char *want; };
     const Row rows[] = {{"loopback without the resolver", 0x7f000001, "0 localhost 0"},
                         {"a named host", 0x0a000001, "0 ten-one 1"}, {"named hosts are not cached", 0x0a000001, "0 ten-one 1"},
@@ -73,7 +73,7 @@ TEST(Host, Ip2nameCachesFailuresBoundedAndLooksUpOutsideItsLock) {
     released = true;
     slow.join();
     EXPECT_TRUE(released_in_time) << "a look-up waited for another thread's";
-    ip2name_set_lookup(nullptr);
+    EXPECT_EQ(ip2name_set_lookup(nullptr), fake_lookup);
 }
 
 }  // namespace

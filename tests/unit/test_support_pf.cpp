@@ -10,70 +10,58 @@
 #include "support/elog.h"
 #include "testutil.h"
 
-namespace {
-
 // The thread's registered messages, one a line, without time stamp and program name.
-std::string registered() {
-    testing::internal::CaptureStderr();
-    elog_clear_register(1);
-    return std::regex_replace(testing::internal::GetCapturedStderr(), std::regex("(^|\n)\\S+ \\S+ [^ :]+: "), "$1");
+static std::string registered() {
+    std::string err = (testing::internal::CaptureStderr(), elog_clear_register(1), testing::internal::GetCapturedStderr());
+    return std::regex_replace(err, std::regex("(^|\n)\\S+ \\S+ [^ :]+: "), "$1");
 }
 
-// A look-up as text: the int, the string, an Arr's pairs, "block", or "-" for an untouched
-// result; then what it registered.
-std::string look(Pf *pf, const char *name, int type, int required = 1) {
+// A look-up as text: the int, the string, an Arr's pairs, "block", or "-" for an untouched result; then
+// what it registered.
+static std::string look(Pf *pf, const char *name, int type, int required = 1) {
     void *p = nullptr;
     int i = -7, rc = parse_param(pf, name, type, required, type == PF_INT ? static_cast<void *>(&i) : &p);
     std::string out = type == PF_INT ? (i == -7 ? "-" : std::to_string(i)) : !p ? "-" : type == PF_BLOCK ? "block" : "";
     if (type == PF_STRING && p) out = static_cast<char *>(p), free(p);
-    if (type == PF_ARR && p) {
-        Tbl *keys = keysarr(static_cast<Arr *>(p));
-        for (int k = 0; k < maxtbl(keys); k++) {
-            const char *key = static_cast<char *>(gettbl(keys, k));
-            out += std::string(key) + "=" + static_cast<char *>(getarr(static_cast<Arr *>(p), key)) + " ";
-        }
-        freetbl(keys, nullptr), freearr(static_cast<Arr *>(p), free);
-    }
+    for (Tbl *keys = type == PF_ARR && p ? keysarr(static_cast<Arr *>(p)) : nullptr; keys; freetbl(keys, nullptr), keys = nullptr)
+        for (int k = 0; k < maxtbl(keys); k++)
+            out += static_cast<char *>(gettbl(keys, k)) + ("=" + std::string(static_cast<char *>(getarr(static_cast<Arr *>(p), static_cast<char *>(gettbl(keys, k)))))) + " ";
+    if (type == PF_ARR && p) freearr(static_cast<Arr *>(p), free);
     return out + (rc < 0 ? " failed: " : "") + registered();
 }
 
-}  // namespace
-
 TEST(Pf, SyntaxAndEveryLookupCode) {
     const char sample[] =  // a byte-order mark, CRLF lines, no newline at the end
-        "\xEF\xBB\xBF# comment\r\ndefault {      # the relay's block\r\n"
-        "  mode  slip\n  baud  19200\n\n  baud  38400  # the later one wins\n"
-        "  port_translations {\n    5330   5330\n    10000  6330\n  }\n  lone\n}\n"
+        "\xEF\xBB\xBF# comment\r\ndefault {      # the relay's block\r\n  mode  slip\n  baud  19200\n\n"
+        "  baud  38400  # the later one wins\n  port_translations {\n    5330   5330\n    10000  6330\n  }\n  lone\n}\n"
         "other {\n  note  \"keeps  blanks # and \\\"quotes\\\" \\\\ \"   # comment\n  nested { \n  }\n}\n"
-        "ints {\n a 0012\n b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n h 1.5\n"
-        " i 2147483648\n j -2147483649\n k 99999999999\n}\nflat  just a  value";
+        "ints {\n a 0012\n b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n h 1.5\n i 2147483648\n"
+        " j -2147483649\n k 99999999999\n}\nflat  just a  value";
     Pf *pf = nullptr, *d = nullptr, *o = nullptr, *n = nullptr;
     ASSERT_EQ(pfparse_text(sample, "sample.pf", &pf), 0) << registered();
     ASSERT_EQ(parse_param(pf, "default", PF_BLOCK, 1, &d) + parse_param(pf, "other", PF_BLOCK, 1, &o) +
               parse_param(pf, "ints", PF_BLOCK, 1, &n), 0);
+    const std::string no = "- failed: parse_param: ", nonint = "' is not an integer: '", range = "' is out of the int range: '";
     struct Row { Pf *in; const char *name; int type, required; std::string want; };
     const Row rows[] = {
         {d, "mode", PF_STRING, 1, "slip"}, {d, "lone", PF_STRING, 1, ""}, {pf, "flat", PF_STRING, 1, "just a  value"},
         {o, "note", PF_STRING, 1, "keeps  blanks # and \"quotes\" \\ "}, {d, "baud", PF_INT, 1, "38400"},
         {d, "flow", PF_STRING, 0, "-"}, {d, "port_translations", PF_ARR, 1, "10000=6330 5330=5330 "},
         {pf, "other", PF_BLOCK, 1, "block"}, {n, "a", PF_INT, 1, "12"}, {n, "b", PF_INT, 1, "-2147483648"},
-        {n, "c", PF_INT, 1, "2147483647"},
-        {d, "flow", PF_STRING, 1, "- failed: parse_param: 'flow' is missing\n"},
-        {d, "mode", PF_BLOCK, 1, "- failed: parse_param: 'mode' is a scalar, not a block\n"},
-        {d, "mode", PF_ARR, 1, "- failed: parse_param: 'mode' is a scalar, not a block\n"},
-        {pf, "default", PF_STRING, 1, "- failed: parse_param: 'default' is a block, not a scalar\n"},
-        {pf, "default", PF_INT, 1, "- failed: parse_param: 'default' is a block, not a scalar\n"},
-        {pf, "other", PF_ARR, 1,
-         "- failed: parse_param: 'other' holds the block 'nested'; only name/value pairs are allowed\n"},
-        {d, "mode", 3, 1, "- failed: parse_param: 'mode': unknown type code 3\n"},
-        {nullptr, "mode", PF_INT, 1, "- failed: parse_param: null argument\n"}};
+        {n, "c", PF_INT, 1, "2147483647"}, {n, "d", PF_INT, 1, no + "'d" + nonint + "12x'\n"},
+        {n, "e", PF_INT, 1, no + "'e" + nonint + "'\n"}, {n, "f", PF_INT, 1, no + "'f" + nonint + " 12'\n"},
+        {n, "g", PF_INT, 1, no + "'g" + nonint + "+'\n"}, {n, "h", PF_INT, 1, no + "'h" + nonint + "1.5'\n"},
+        {n, "i", PF_INT, 1, no + "'i" + range + "2147483648'\n"}, {n, "j", PF_INT, 1, no + "'j" + range + "-2147483649'\n"},
+        {n, "k", PF_INT, 1, no + "'k" + range + "99999999999'\n"}, {d, "flow", PF_STRING, 1, no + "'flow' is missing\n"},
+        {d, "mode", PF_BLOCK, 1, no + "'mode' is a scalar, not a block\n"},
+        {d, "mode", PF_ARR, 1, no + "'mode' is a scalar, not a block\n"},
+        {pf, "default", PF_STRING, 1, no + "'default' is a block, not a scalar\n"},
+        {pf, "default", PF_INT, 1, no + "'default' is a block, not a scalar\n"},
+        {pf, "other", PF_ARR, 1, no + "'other' holds the block 'nested'; only name/value pairs are allowed\n"},
+        {d, "mode", 3, 1, no + "'mode': unknown type code 3\n"}, {nullptr, "mode", PF_INT, 1, no + "null argument\n"}};
     for (const Row &r : rows) EXPECT_EQ(look(r.in, r.name, r.type, r.required), r.want) << r.name;
-    for (std::string v : {"d12x", "e", "f 12", "g+", "h1.5"})
-        EXPECT_EQ(look(n, v.substr(0, 1).c_str(), PF_INT),
-                  "- failed: parse_param: '" + v.substr(0, 1) + "' is not an integer: '" + v.substr(1) + "'\n");
-    for (std::string v : {"i2147483648", "j-2147483649", "k99999999999"})
-        EXPECT_EQ(look(n, v.substr(0, 1).c_str(), PF_INT),
-                  "- failed: parse_param: '" + v.substr(0, 1) + "' is out of the int range: '" + v.substr(1) + "'\n");
+    EXPECT_EQ(pfparse_text(nullptr, "x", &pf), -1);
+    EXPECT_EQ(registered(), "pfparse_text: null argument\n");
     pffree(pf);
 }
 
@@ -98,8 +86,7 @@ TEST(Pf, EverySyntaxErrorNamesItsLine) {
     for (const Case &c : cases) {
         dir.write("bad.pf", c.text);  // through a file: the NUL case needs the length
         Pf *pf = nullptr;
-        int rc = pfread(dir.file("bad").c_str(), &pf);
-        EXPECT_EQ(std::pair(rc, pf == nullptr), std::pair(c.line ? -1 : 0, c.line != 0)) << c.text;
+        EXPECT_EQ((std::pair{pfread(dir.file("bad").c_str(), &pf), pf == nullptr}), std::pair(c.line ? -1 : 0, c.line != 0)) << c.text;
         std::string where = "pfread: " + dir.file("bad.pf") + ":" + std::to_string(c.line) + ": ";
         EXPECT_EQ(registered(), c.line ? where + c.why + "\n" : "") << c.text;
         pffree(pf);
@@ -109,23 +96,19 @@ TEST(Pf, EverySyntaxErrorNamesItsLine) {
 TEST(Pf, FileLookup) {
     testutil::TempDir dir;
     for (auto name : {"korvane.pf", "site.pf", "plain", "only.pf"}) dir.write(name, std::string("where ") + name + "\n");
-    mkdir(dir.file("site").c_str(), 0755);   // a directory is skipped
+    mkdir(dir.file("site").c_str(), 0755);  // directories are skipped
     mkdir(dir.file("dir.pf").c_str(), 0755);
     char old_cwd[4096];
-    ASSERT_NE(getcwd(old_cwd, sizeof old_cwd), nullptr);
-    ASSERT_EQ(chdir(dir.path.c_str()), 0);
-    const char *names[][2] = {{"korvane", "korvane.pf"}, {"korvane.pf", "korvane.pf"}, {"./site", "site.pf"},
-                              {"./plain", "plain"}, {"./only.pf", "only.pf"},
-                              {"korvane-test-absent", "pfread: no parameter file for 'korvane-test-absent': tried "
-                                                      "./korvane-test-absent.pf, /etc/korvane-test-absent.pf\n"},
-                              {"./nothing", "pfread: no parameter file for './nothing': tried ./nothing, ./nothing.pf\n"},
-                              {"dir", "pfread: no parameter file for 'dir': tried ./dir.pf (not a regular file), "
-                                      "/etc/dir.pf\n"},
-                              {"", "pfread: no parameter file name\n"}};
+    ASSERT_EQ((std::pair{getcwd(old_cwd, sizeof old_cwd) != nullptr, chdir(dir.path.c_str())}), std::pair(true, 0));
+    const std::string none = "pfread: no parameter file for '";
+    const std::string names[][2] = {
+        {"korvane", "korvane.pf"}, {"korvane.pf", "korvane.pf"}, {"./site", "site.pf"}, {"./plain", "plain"},
+        {"./only.pf", "only.pf"}, {"absent", none + "absent': tried ./absent.pf, /etc/absent.pf\n"},
+        {"./nothing", none + "./nothing': tried ./nothing, ./nothing.pf\n"},
+        {"dir", none + "dir': tried ./dir.pf (not a regular file), /etc/dir.pf\n"}, {"", "pfread: no parameter file name\n"}};
     for (auto &n : names) {
         Pf *pf = nullptr;
-        std::string got = pfread(n[0], &pf) == 0 ? look(pf, "where", PF_STRING) : registered();
-        EXPECT_EQ(got, n[1]) << n[0];
+        EXPECT_EQ(pfread(n[0].c_str(), &pf) == 0 ? look(pf, "where", PF_STRING) : registered(), n[1]) << n[0];
         pffree(pf);
     }
     ASSERT_EQ(chdir(old_cwd), 0);
