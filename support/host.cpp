@@ -7,7 +7,6 @@
 #include <sys/time.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <deque>
 #include <mutex>
@@ -33,16 +32,14 @@ std::mutex ip2name_mutex;
 std::unordered_set<std::uint32_t> failures;
 std::deque<std::uint32_t> failure_order;
 
-// Runs a gethostby*_r call, doubling its scratch buffer while it answers
-// ERANGE (hosts with many aliases); the hostent or nullptr.
+// Runs a gethostby*_r call with room for any realistic host entry (64 KiB:
+// hundreds of aliases or addresses); the hostent, or nullptr when the name
+// is unknown or its entry larger still.
 template <typename Lookup> hostent *resolve(Lookup lookup, hostent *entry, std::vector<char> &scratch) {
-    for (scratch.resize(2048);; scratch.resize(scratch.size() * 2)) {
-        hostent *result = nullptr;
-        int herr = 0;
-        int rc = lookup(entry, scratch.data(), scratch.size(), &result, &herr);
-        if (rc == ERANGE && scratch.size() < (1u << 20)) continue;
-        return rc == 0 ? result : nullptr;
-    }
+    scratch.resize(65536);
+    hostent *result = nullptr;
+    int herr;
+    return lookup(entry, scratch.data(), scratch.size(), &result, &herr) == 0 ? result : nullptr;
 }
 
 // True when ipaddr is a known failure.

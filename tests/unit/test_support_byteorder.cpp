@@ -2,12 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
 #include <cfloat>
 #include <cmath>
-#include <functional>
-#include <set>
 
 static std::set<std::string> exercised;
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 // Arr: keys copied, a replaced value handed back, keys listed in text order (not numeric: the
 // relay starts its ports in this order). Tbl: -1 appends, an index past the end grows the list
 // with empty entries, and reads out of range give nullptr. Neither crashes on nullptr.

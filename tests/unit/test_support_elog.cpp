@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <functional>
 #include <regex>
 #include <thread>
 
@@ -31,9 +30,11 @@ TEST(Elog, EveryKindOfLineAndTheErrorTextOfFlagOne) {
         {"flag 1 with errno 0 adds nothing", [] { errno = 0, elog_complain(1, "recv\n"); }, "warning: recv\n"},
         {"flag 0 never adds", [] { errno = EACCES, elog_debug(0, "plain\n"); }, "debug: plain\n"},
         {"an empty message", [] { elog_notify(0, "\n"); }, "\n"},
-        {"a write error ends the line, not retried for ever", [] {
-             int saved = dup(2);
-             close(2), elog_notify(0, "lost\n"), dup2(saved, 2), close(saved);
+        {"a write error ends the line, not retried for ever, and errno is kept", [] {
+             int saved = (elog_log(0, "lost\n"), dup(2));
+             for (auto write_it : {elog_notify, elog_complain, elog_debug, elog_log})
+                 EXPECT_EQ((close(2), errno = ENOENT, write_it(0, "lost\n"), elog_clear_register(1), errno), ENOENT);
+             dup2(saved, 2), close(saved);
          }, ""}};
     for (const Row &r : rows) EXPECT_EQ(logged(r.call), r.line) << r.behaviour;
 }

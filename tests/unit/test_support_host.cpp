@@ -4,7 +4,6 @@
 #include <signal.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 #include "support/elog.h"
@@ -18,7 +17,7 @@ TEST(Host, NowName2ipAndSignals) {
     char text[2][16];
     EXPECT_EQ((std::vector<int>{name2ip("localhost", &addr[0], text[0]), name2ip("no-such-host.invalid", &addr[1], text[1])}),
               (std::vector<int>{0, -1}));
-    EXPECT_EQ(std::memcmp(&addr, "\x7f\0\0\x01\xff\xff\xff\xff", 8), 0);  // network order as it lies in memory
+    EXPECT_EQ(memcmp(&addr, "\x7f\0\0\x01\xff\xff\xff\xff", 8), 0);  // network order as it lies in memory
     EXPECT_EQ(std::string(text[0]) + "|" + text[1], "127.0.0.1|");
     struct sigaction act[2];
     EXPECT_EQ((std::vector<int>{ignoreSIGPIPE(), ignoreSIGALRM(), sigaction(SIGPIPE, nullptr, &act[0]),
@@ -35,7 +34,7 @@ bool fake_lookup(std::uint32_t ip, char *name) {
     for (int i = 0; ip == 0xc0000263 && i < 1000 && !released; i++)
         holding = true, std::this_thread::sleep_for(std::chrono::milliseconds(10));
     released_in_time = released.load();
-    if (ip == 0x0a000001 || ip == 0x7f000001) std::strcpy(name, ip == 0x7f000001 ? "resolver" : "ten-one");
+    if (ip == 0x0a000001 || ip == 0x7f000001) strcpy(name, ip == 0x7f000001 ? "resolver" : "ten-one");
     return ip == 0x0a000001 || ip == 0x7f000001;
 }
 

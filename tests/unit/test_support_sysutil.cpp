@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <map>
 #include <thread>
 
 #include "testutil.h"
