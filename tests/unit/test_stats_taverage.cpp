@@ -7,7 +7,6 @@
 #include <atomic>
 #include <fstream>
 #include <regex>
-#include <thread>
 
 #include "stats/taverage_clock.h"
 #include "support/elog.h"
@@ -99,19 +98,4 @@ TEST(TAverageDeathTest, FailuresNameTheirCause) {
     EXPECT_EXIT((setrlimit(RLIMIT_AS, &small), put_at(full, 2, 0)), testing::ExitedWithCode(1),
                 "taverage_put: realloc \\(300000008\\) error\\. \\(Cannot allocate memory\\)\n");
     taverage_destroy(full);
-}
-
-TEST(TAverage, ThreadsPutAndGetAtOnce) {
-    fake_time = 100.5;
-    TAverage *binned = taverage_create(100, 1, 10), *events = taverage_create(60, -1, 0);
-    std::vector<std::jthread> threads(4);
-    for (auto &t : threads)
-        t = std::jthread([&] {
-            for (double i = 0, time = 101, twin = 1, sum, ave; i < 500; i++)
-                taverage_put(binned, 1.0), taverage_get(binned, &time, &twin, &sum, &ave), i < 50 && taverage_put(events, 0);
-        });
-    threads.clear();
-    EXPECT_EQ(std::pair(events->nbin, get(binned, 101, 1)), std::pair(227, V{101, 1, 2000, 2000}));  // 100, 151, 227
-    EXPECT_EQ(get(events, 100.5, 1), (V{100.5, 1, 200, 0}));
-    taverage_destroy(binned), taverage_destroy(events);
 }
