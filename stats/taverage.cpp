@@ -1,6 +1,7 @@
 #include "stats/taverage.h"
 #include "support/pthread_lock.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -8,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include "stats/taverage_clock.h"
 #include "support/elog.h"
@@ -29,15 +31,6 @@ double *new_bins(int nbin) {
     return bins;
 }
 
-// Descending order: newest events first, empty (0) slots last.
-int newest_first(const void *a, const void *b) {
-    double x = *static_cast<const double *>(a);
-    double y = *static_cast<const double *>(b);
-    if (x > y) return -1;
-    if (y > x) return 1;
-    return 0;
-}
-
 // Grows the event slots by half plus one when all are taken; fatal when
 // the memory cannot be had or the count would pass the int range (the
 // caller holds the lock).
@@ -56,11 +49,12 @@ void grow_events(TAverage *avg) {
 
 // Event mode put: store now, keep newest first, forget what left the window.
 void put_event(TAverage *avg, double now) {
-    int i = 0;
-    while (i < avg->nbin && avg->bins[i] != 0.0) i++;
+    int i = static_cast<int>(std::find(avg->bins, avg->bins + avg->nbin, 0.0) - avg->bins);
     if (i == avg->nbin) grow_events(avg);
     avg->bins[i] = now;
-    qsort(avg->bins, static_cast<size_t>(avg->nbin), sizeof(double), newest_first);
+    // Newest first, empty (0) slots last; equal times are interchangeable, so
+    // any sort gives the same array.
+    std::sort(avg->bins, avg->bins + avg->nbin, std::greater<double>());
     // Sorted descending, so the entries this clears are the trailing ones
     // and the array needs no second sort.
     for (int j = 0; j < avg->nbin; j++)
