@@ -25,11 +25,13 @@ static V get(TAverage *avg, double time, double twin) {
 TEST(TAverage, BinnedPutsAndGets) {
     // Newest bin ends at 1010; the bins are lent a guarded array, so that a step past them shows.
     TAverage *avg = taverage_create(1000, 10, 5);
-    double guarded[7] = {1e6, 0, 0, 0, 0, 0, 1e6}, *own = std::exchange(avg->bins, guarded + 1);
+    double guarded[12] = {1e6, 0, 0, 0, 0, 0, 1e6, 1e6, 1e6, 1e6, 1e6, 1e6}, *own = std::exchange(avg->bins, guarded + 1);
+    V ends;
     // Bin 0 from 5 s before its end to the end itself; 0.5 s past it: one step to 1020, the old bin 0 moves
     // to 1; 25 s before 1020: bin 2; 60 s before: bin 6 does not exist, dropped.
-    for (auto [now, value] : {std::pair(1005.0, 1.0), {1010, 2}, {1010.5, 4}, {995, 8}, {960, 16}}) put_at(avg, now, value);
-    EXPECT_EQ(std::pair(avg->time, slots(avg, 5)), std::pair(1020.0, V{4, 3, 8, 0, 0}));
+    for (auto [now, value] : {std::pair(1005.0, 1.0), {1010, 2}, {1010.5, 4}, {995, 8}, {960, 16}})
+        put_at(avg, now, value), ends.push_back(avg->time);
+    EXPECT_EQ(std::pair(ends, slots(avg, 5)), std::pair(V{1010, 1010, 1020, 1020, 1020}, V{4, 3, 8, 0, 0}));
     struct Row { const char *behaviour; double time, twin; V want; };
     const Row rows[] = {
         {"past: end bin 1 (1010), start bin 2 (990)", 1005, 10, {1010, 20, 11, 0.55}},
@@ -43,7 +45,8 @@ TEST(TAverage, BinnedPutsAndGets) {
     for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
     EXPECT_EQ(std::pair(avg->time, slots(avg, 5)), std::pair(1110.0, V{0, 32, 0, 0, 0}));
-    EXPECT_EQ(std::pair(guarded[0], guarded[6]), std::pair(1e6, 1e6));
+    EXPECT_EQ(V(guarded + 6, guarded + 12), V(6, 1e6)) << guarded[0];
+    EXPECT_EQ(guarded[0], 1e6);
     avg->bins = own;
     // Bins of 2^-14 s, narrower than the 1 ms margin: an end 2^-11 s after the newest bin lies in the next.
     // Bins of 10 ns at 1e9 s, below the double's resolution there: the covered window rounds to 0 s, so an
