@@ -57,6 +57,7 @@ TEST(TAverage, BinnedPutsAndGets) {
     EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 0, 0}));
     put_at(fine, 1e9, 5);
     EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 5, 1e30}));
+    EXPECT_EQ(V({avg->twin, narrow->twin, fine->twin}), V({50, 4 * tiny, 4e-8}));  // the span of all bins
     taverage_destroy(avg), taverage_destroy(narrow), taverage_destroy(fine);
 }
 
@@ -94,6 +95,8 @@ TEST(TAverageDeathTest, FailuresNameTheirCause) {
     std::string want = "tbin cannot be == 0\n.* taverage_create: nbin = 0 must be > 0\n";
     if (nbin) want += ".* taverage_create: malloc\\(TAverage->bins,17179869176\\) error\\. \\(Cannot allocate memory\\)\n";
     EXPECT_EQ(made, std::vector<TAverage *>(4, nullptr));
+    made[0] = taverage_create(0, 1, 1);  // one bin is enough
+    EXPECT_EQ((std::pair{made[0] != nullptr, taverage_destroy(made[0])}), std::pair(true, 0));
     EXPECT_TRUE(std::regex_match(err, std::regex(".* taverage_create: " + want))) << err;
     if (!nbin) return;
     TAverage *full = taverage_create(1, -1, 25000000);  // 200 MB of event slots, all taken: no room for 300 MB
