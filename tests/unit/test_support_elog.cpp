@@ -6,17 +6,13 @@
 #include <regex>
 #include <thread>
 
-namespace {
-
 // What fn wrote to standard error, each line checked for the time stamp and the program's base name, and
 // given back without them.
-std::string logged(const std::function<void()> &fn) {
+static std::string logged(const std::function<void()> &fn) {
     std::string err = (testing::internal::CaptureStderr(), fn(), testing::internal::GetCapturedStderr());
     return std::regex_replace(err, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} korvane: (.*\n)"), "$1");
 }
-void print_register() { elog_clear_register(1); }
-
-}  // namespace
+static void print_register() { elog_clear_register(1); }
 
 TEST(Elog, EveryKindOfLineAndTheErrorTextOfFlagOne) {
     char arg0[] = "/usr/local/bin/korvane", *argv[] = {arg0, nullptr}, other[] = "other", *none[] = {other, nullptr};

@@ -9,8 +9,6 @@
 #include "support/elog.h"
 #include "support/host_lookup.h"
 
-namespace {
-
 TEST(Host, NowName2ipAndSignals) {
     EXPECT_NEAR(std_now(), double(time(nullptr)), 2.0);
     std::uint32_t addr[3] = {0, 0x5a5a5a5a, 0};  // a guard between the two results
@@ -27,9 +25,9 @@ TEST(Host, NowName2ipAndSignals) {
 
 // A resolver that names 10.0.0.1, and 127.0.0.1 (as the shortcut must not), knows nothing else, and
 // holds 192.0.2.99 until released, for at most 10 s.
-std::atomic<int> lookups{0};
-std::atomic<bool> holding{false}, released{false}, released_in_time{false};
-bool fake_lookup(std::uint32_t ip, char *name) {
+static std::atomic<int> lookups{0};
+static std::atomic<bool> holding{false}, released{false}, released_in_time{false};
+static bool fake_lookup(std::uint32_t ip, char *name) {
     ++lookups;
     for (int i = 0; ip == 0xc0000263 && i < 1000 && !released; i++)
         holding = true, std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -39,7 +37,7 @@ bool fake_lookup(std::uint32_t ip, char *name) {
 }
 
 // ip2name's result and name, the look-ups it made, and "complained" for its one warning.
-std::string named(std::uint32_t ip) {
+static std::string named(std::uint32_t ip) {
     char name[256] = "";
     int before = lookups, rc = (testing::internal::CaptureStderr(), errno = EAGAIN, ip2name(ip, name));  // no error text
     std::string err = testing::internal::GetCapturedStderr();
@@ -74,5 +72,3 @@ TEST(Host, Ip2nameCachesFailuresBoundedAndLooksUpOutsideItsLock) {
     EXPECT_TRUE(released_in_time) << "a look-up waited for another thread's";
     EXPECT_EQ(ip2name_set_lookup(nullptr), fake_lookup);
 }
-
-}  // namespace
