@@ -12,8 +12,8 @@ TEST(Containers, ArrAndTbl) {
     std::vector<void *> got = {setarr(arr, key, &a), setarr(arr, "6330", &b), setarr(arr, "10000", &b),
                                setarr(arr, "10000", &c), setarr(nullptr, "1", &a), setarr(arr, nullptr, &a)};
     key[0] = '9';  // the caller's buffer changes; the stored key must not
-    got.insert(got.end(), {getarr(arr, "5330"), getarr(arr, "9330"), getarr(arr, nullptr), getarr(nullptr, "1")});
-    EXPECT_EQ(got, (std::vector<void *>{nullptr, nullptr, nullptr, &b, nullptr, nullptr, &a, nullptr, nullptr, nullptr}));
+    got.insert(got.end(), {getarr(arr, "5330"), getarr(arr, "10000"), getarr(arr, "9330"), getarr(arr, nullptr), getarr(nullptr, "1")});
+    EXPECT_EQ(got, (std::vector<void *>{nullptr, nullptr, nullptr, &b, nullptr, nullptr, &a, &c, nullptr, nullptr, nullptr}));
     Tbl *keys = keysarr(arr), *none = keysarr(nullptr);
     std::string text;
     for (int i = 0; i < maxtbl(keys); i++) text.append(static_cast<char *>(gettbl(keys, i))) += ' ';

@@ -20,7 +20,7 @@ TEST(Host, NowName2ipAndSignals) {
     struct sigaction act[2];
     EXPECT_EQ((std::vector<int>{ignoreSIGPIPE(), ignoreSIGALRM(), sigaction(SIGPIPE, nullptr, &act[0]),
                                 sigaction(SIGALRM, nullptr, &act[1])}), std::vector<int>(4, 0));
-    for (auto &a : act) EXPECT_TRUE(a.sa_handler == SIG_IGN && (a.sa_flags & SA_RESTART) && sigisemptyset(&a.sa_mask));
+    for (auto &a : act) EXPECT_TRUE(a.sa_handler == SIG_IGN && (a.sa_flags & SA_RESTART));
 }
 
 // A resolver that names 10.0.0.1, and 127.0.0.1 (as the shortcut must not), knows nothing else, and
