@@ -41,6 +41,7 @@ TEST(TAverage, BinnedPutsAndGets) {
         {"an end 0.5 ms after the 1030 edge lies on it", 1030.0005, 20.0005, {1030, 20, 4, 0.2}},
         {"an end 2 ms after it lies in the next bin", 1030.002, 20.002, {1040, 30, 4, 4.0 / 30}},
         {"a far-off end and window: every bin", 1e12 + 1010, 1e12 + 1020, {1e12 + 1010, 1e12 + 1020, 15, 15 / (1e12 + 1020)}},
+        {"a window from the newest bin's end on: nothing yet", 1030, 10, {1030, 10, 0, 0}},
         {"a far-off past: nothing", -1e12, 10, {-1e12, 10, 0, 0}}};
     for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
@@ -66,12 +67,15 @@ TEST(TAverage, EventsExpireAndGrow) {
     TAverage *none = taverage_create(-1, -1, 0);  // a negative window forgets even the put just made
     put_at(none, 5, 0);
     EXPECT_EQ(none->bins[0], 0);
+    double guarded[101] = {}, *own = std::exchange(avg->bins, guarded);  // a guard after the 100 slots
+    guarded[100] = 1;
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
     EXPECT_EQ(std::pair(avg->nbin, slots(avg, 4)), std::pair(100, V{1002, 1001, 1000, 0}));
     EXPECT_EQ(get(avg, 1002, 1.5), (V{1002, 1.5, 2, 0}));    // the walk stops at 1000
     EXPECT_EQ(get(avg, 1001.5, 10), (V{1001.5, 10, 2, 0}));  // 1002 is after the end
     put_at(avg, 1011, 0);  // 1000 is 11 s old and goes; 1001 is exactly 10 s old and stays
-    EXPECT_EQ(slots(avg, 4), (V{1011, 1002, 1001, 0}));
+    EXPECT_EQ(std::pair(slots(avg, 4), guarded[100]), std::pair(V{1011, 1002, 1001, 0}, 1.0));
+    avg->bins = own;
     for (int i = 1; i <= 101; i++) put_at(many, i, 0);  // the 101st finds no free slot: (int)(100*1.5)+1
     EXPECT_EQ(std::pair(many->nbin, V{many->bins[0], many->bins[100], many->bins[101], many->bins[150]}),
               std::pair(151, V{101, 1, 0, 0}));
