@@ -63,8 +63,11 @@ TEST(Pmtfifo, BlockingWaitsForRoomItemTimeOutOrRelease) {
     long long start = (fifo->timeout = 1.2, testutil::now_ms());  // a blocking pop on an empty FIFO gives up
     EXPECT_EQ(pop_n(fifo, 1), Values{0});                             // after the time-out, with no error
     EXPECT_GE(testutil::now_ms() - start, 1100);
-    fifo->timeout = 0;
     for (int i = 1; i <= 10; ++i) ASSERT_EQ(pmtfifo_push(fifo, item(i)), 0);
+    start = (fifo->timeout = 0.3, testutil::now_ms());  // and so does a push onto a full one
+    EXPECT_EQ(pmtfifo_push(fifo, item(11)), -2);
+    EXPECT_GE(testutil::now_ms() - start, 250);
+    fifo->timeout = 0;
     Values popped;
     int pushed = 0;
     std::thread consumer([&] { popped = pop_n(empty, 1); });
