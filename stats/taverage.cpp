@@ -1,11 +1,15 @@
 #include "stats/taverage.h"
 #include "support/pthread_lock.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include "stats/taverage_clock.h"
 #include "support/elog.h"
@@ -15,52 +19,42 @@ namespace {
 
 std::atomic<double (*)(void)> clock_now{std_now};
 
-// (int) x, truncated toward zero, but saturated instead of undefined when a
-// far-off time makes the bin count overflow an int.
-int truncate_int(double x) {
-    if (x >= static_cast<double>(INT_MAX)) return INT_MAX;
-    if (x <= static_cast<double>(INT_MIN)) return INT_MIN;
-    return static_cast<int>(x);
-}
+// The byte count of n doubles, for messages: as wide as it needs to be, so
+// it prints what an int would have for every count that fits one.
+long long bytes_of(long long n) { return n * static_cast<long long>(sizeof(double)); }
 
 // nbin doubles set to 0, or nullptr with the message registered.
 double *new_bins(int nbin) {
     double *bins = static_cast<double *>(calloc(static_cast<size_t>(nbin), sizeof(double)));
     if (!bins)
-        elog_log(1, "taverage_create: malloc(TAverage->bins,%d) error.\n", nbin * static_cast<int>(sizeof(double)));
+        elog_log(1, "taverage_create: malloc(TAverage->bins,%lld) error.\n", bytes_of(nbin));
     return bins;
 }
 
-// Descending order: newest events first, empty (0) slots last.
-int newest_first(const void *a, const void *b) {
-    double x = *static_cast<const double *>(a);
-    double y = *static_cast<const double *>(b);
-    if (x > y) return -1;
-    if (y > x) return 1;
-    return 0;
-}
-
 // Grows the event slots by half plus one when all are taken; fatal when
-// the memory cannot be had (the caller holds the lock).
+// the memory cannot be had or the count would pass the int range (the
+// caller holds the lock).
 void grow_events(TAverage *avg) {
-    int n = static_cast<int>(avg->nbin * 1.5) + 1;
-    double *bins = static_cast<double *>(realloc(avg->bins, static_cast<size_t>(n) * sizeof(double)));
+    long long n = static_cast<long long>(avg->nbin * 1.5) + 1;
+    bool fits = n <= INT_MAX && static_cast<unsigned long long>(bytes_of(n)) <= SIZE_MAX;
+    double *bins = fits ? static_cast<double *>(realloc(avg->bins, static_cast<size_t>(bytes_of(n)))) : nullptr;
     if (!bins) {
         pthread_mutex_unlock(&avg->mutex);
-        elog_die(1, "taverage_put: realloc (%d) error.\n", n * 8);
+        elog_die(1, "taverage_put: realloc (%lld) error.\n", bytes_of(n));
     }
     memset(bins + avg->nbin, 0, static_cast<size_t>(n - avg->nbin) * sizeof(double));
     avg->bins = bins;
-    avg->nbin = n;
+    avg->nbin = static_cast<int>(n);
 }
 
 // Event mode put: store now, keep newest first, forget what left the window.
 void put_event(TAverage *avg, double now) {
-    int i = 0;
-    while (i < avg->nbin && avg->bins[i] != 0.0) i++;
+    int i = static_cast<int>(std::find(avg->bins, avg->bins + avg->nbin, 0.0) - avg->bins);
     if (i == avg->nbin) grow_events(avg);
     avg->bins[i] = now;
-    qsort(avg->bins, static_cast<size_t>(avg->nbin), sizeof(double), newest_first);
+    // Newest first, empty (0) slots last; equal times are interchangeable, so
+    // any sort gives the same array.
+    std::sort(avg->bins, avg->bins + avg->nbin, std::greater<double>());
     // Sorted descending, so the entries this clears are the trailing ones
     // and the array needs no second sort.
     for (int j = 0; j < avg->nbin; j++)
@@ -103,34 +97,35 @@ void get_events(TAverage *avg, double time, double ts, double *sum) {
 }
 
 // Index of the bin in which the asked end falls; negative in the future.
-int end_bin(double te, double tbin) {
-    if (te >= 0) return truncate_int(te / tbin);
+// Kept in double, whole-valued, so that a far-off time cannot overflow it.
+double end_bin(double te, double tbin) {
+    if (te >= 0) return std::trunc(te / tbin);
     if (te > -0.001) te = -0.001;
-    return -(truncate_int((-0.001 - te) / tbin) + 1);
+    return -(std::trunc((-0.001 - te) / tbin) + 1);
 }
 
 // Index of the bin in which the asked start falls; negative in the future.
-int start_bin(double tsr, double tbin) {
+double start_bin(double tsr, double tbin) {
     if (tsr > 0) {
         if (tsr < 0.001) tsr = 0.001;
-        return truncate_int((tsr - 0.001) / tbin);
+        return std::trunc((tsr - 0.001) / tbin);
     }
-    return -(truncate_int(-tsr / tbin) + 1);
+    return -(std::trunc(-tsr / tbin) + 1);
 }
 
 // Binned get: the whole bins covering (ts, *time] and their sum.
 void get_binned(TAverage *avg, double *time, double *twin, double ts, double *sum) {
     PthreadLock lock(&avg->mutex);
-    int is = end_bin(avg->time - *time, avg->tbin);
-    int ie = start_bin(avg->time - ts, avg->tbin);
+    double is = end_bin(avg->time - *time, avg->tbin);
+    double ie = start_bin(avg->time - ts, avg->tbin);
     // The bounds come from the indices before clamping, so an interval in
     // the future still reports where it lies.
     *time = avg->time - is * avg->tbin;
-    double start = avg->time - (ie + 1.0) * avg->tbin;
+    double start = avg->time - (ie + 1) * avg->tbin;
     *twin = *time - start;
-    if (is < 0) is = 0;
-    if (ie >= avg->nbin) ie = avg->nbin - 1;
-    for (int i = is; i <= ie; i++) *sum += avg->bins[i];
+    // Bins is to ie, clipped to the bins that exist.
+    for (int i = 0; i < avg->nbin; i++)
+        if (i >= is && i <= ie) *sum += avg->bins[i];
 }
 
 }  // namespace
@@ -138,6 +133,9 @@ void get_binned(TAverage *avg, double *time, double *twin, double ts, double *su
 void taverage_set_clock(double (*now)(void)) { clock_now.store(now ? now : std_now); }
 
 TAverage *taverage_create(double time, double tbin, int nbin) {
+    // The argument checks log with flag 1 but follow no failed call: errno
+    // cleared, so they carry no error text left over from an earlier one.
+    errno = 0;
     if (tbin == 0) {
         elog_log(1, "taverage_create: tbin cannot be == 0\n");
         return nullptr;
@@ -148,7 +146,7 @@ TAverage *taverage_create(double time, double tbin, int nbin) {
     }
     TAverage *avg = static_cast<TAverage *>(calloc(1, sizeof(TAverage)));
     if (!avg) {
-        elog_log(1, "taverage_create: malloc(TAverage,%d) error.\n", static_cast<int>(sizeof(TAverage)));
+        elog_log(1, "taverage_create: malloc(TAverage,%zu) error.\n", sizeof(TAverage));
         return nullptr;
     }
     avg->tbin = tbin;

@@ -2,11 +2,8 @@
 
 #include <new>
 
-Tbl *newtbl(int initial) {
-    Tbl *tbl = new (std::nothrow) Tbl;
-    if (tbl && initial > 0) tbl->items.reserve(static_cast<size_t>(initial));
-    return tbl;
-}
+// The initial capacity is only a hint, and the lists stay short: ignored.
+Tbl *newtbl(int) { return new (std::nothrow) Tbl; }
 
 void *gettbl(Tbl *tbl, int i) {
     if (!tbl || i < 0 || i >= maxtbl(tbl)) return nullptr;

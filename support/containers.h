@@ -11,7 +11,7 @@ struct Tbl {
     std::vector<void *> items;
 };
 
-// A new empty list with room for `initial` entries; nullptr on failure.
+// A new empty list (initial, a capacity hint, is ignored); nullptr on failure.
 Tbl *newtbl(int initial);
 // The pointer at index i; nullptr when i is out of range.
 void *gettbl(Tbl *tbl, int i);

@@ -8,15 +8,18 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <deque>
 #include <string>
-#include <vector>
 
 namespace {
 
 std::string program_name = program_invocation_short_name;
 
-// Messages registered by elog_log, per thread, oldest first.
-thread_local std::vector<std::string> message_register;
+// Messages registered by elog_log, per thread, oldest first. A thread that
+// registers and never dies or clears (a reader logging every time-out) must
+// not grow without bound, so only the newest ELOG_REGISTER_MAX are kept: they
+// are the chain of failures that leads to the elog_die that prints them.
+thread_local std::deque<std::string> message_register;
 
 std::string format_message(int flag, int saved_errno, const char *fmt, va_list ap) {
     va_list copy;
@@ -102,6 +105,7 @@ void elog_debug(int flag, const char *fmt, ...) {
 void elog_log(int flag, const char *fmt, ...) {
     ELOG_FORMAT(flag, fmt, text);
     message_register.push_back(std::move(text));
+    if (message_register.size() > ELOG_REGISTER_MAX) message_register.pop_front();
     errno = saved_errno_;
 }
 

@@ -6,8 +6,18 @@
 // returns; the caller that gives up calls elog_die, which writes the thread's
 // registered messages (oldest first) ahead of its own and ends the process.
 // With flag 1, " (<strerror(errno)>)" is appended when errno was not 0 at
-// the call.
+// the call. errno is the reported call's only right after that call failed,
+// so a caller reporting with flag 1:
+//   - sets errno = 0 just before the call whose failure it reports (a call
+//     that returns a wrong count, zero bytes or bad data then adds no text);
+//   - uses flag 1 only on the path where that call returned its failure
+//     value; every other condition (a short or empty read, a bad value, a
+//     time-out) is reported with flag 0;
+//   - logs before any clean-up call (close, free), or saves errno across it.
 #pragma once
+
+// Registered messages kept per thread: older ones are dropped beyond this.
+#define ELOG_REGISTER_MAX 32
 
 #define ELOG_PRINTF(a, b) __attribute__((format(printf, a, b)))
 

@@ -6,52 +6,58 @@
 #include <string.h>
 #include <sys/time.h>
 
-#include <cerrno>
+#include <atomic>
 #include <cstdio>
-#include <cstdlib>
+#include <deque>
 #include <mutex>
+#include <unordered_set>
 #include <vector>
 
-#include "support/containers.h"
 #include "support/elog.h"
+#include "support/host_lookup.h"
 
 namespace {
 
-// Each routine serialises its own callers, as the relay's threads expect;
-// ip2name_mutex also guards failure_cache.
+// name2ip serialises its callers, as the relay's threads expect.
 std::mutex name2ip_mutex;
+// Guards only ip2name's failure cache: the reverse look-up runs outside it,
+// so a name server that takes seconds to answer never holds up another
+// thread's call.
 std::mutex ip2name_mutex;
-// Dotted texts of addresses that could not be named, keyed by the decimal
-// text of the host-order value. Never emptied: the relay meets few peers.
-Arr *failure_cache;
+// Host-order addresses that could not be named, each with its place in
+// failure_order (oldest first). Bounded, because a peer that walks through
+// source addresses would otherwise grow it for ever: beyond
+// IP2NAME_FAILURES_MAX the oldest is forgotten (and complained about again
+// if it comes back).
+std::unordered_set<std::uint32_t> failures;
+std::deque<std::uint32_t> failure_order;
 
-// Runs a gethostby*_r call, doubling its scratch buffer while it answers
-// ERANGE (hosts with many aliases); the hostent or nullptr.
+// Runs a gethostby*_r call with room for any realistic host entry (64 KiB:
+// hundreds of aliases or addresses); the hostent, or nullptr when the name
+// is unknown or its entry larger still.
 template <typename Lookup> hostent *resolve(Lookup lookup, hostent *entry, std::vector<char> &scratch) {
-    for (scratch.resize(2048);; scratch.resize(scratch.size() * 2)) {
-        hostent *result = nullptr;
-        int herr = 0;
-        int rc = lookup(entry, scratch.data(), scratch.size(), &result, &herr);
-        if (rc == ERANGE && scratch.size() < (1u << 20)) continue;
-        return rc == 0 ? result : nullptr;
+    scratch.resize(65536);
+    hostent *result = nullptr;
+    int herr;
+    return lookup(entry, scratch.data(), scratch.size(), &result, &herr) == 0 ? result : nullptr;
+}
+
+// True when ipaddr is a known failure.
+bool known_failure(std::uint32_t ipaddr) {
+    std::lock_guard lock(ip2name_mutex);
+    return failures.count(ipaddr) != 0;
+}
+
+// Records ipaddr as a failure; false when another thread already had.
+bool record_failure(std::uint32_t ipaddr) {
+    std::lock_guard lock(ip2name_mutex);
+    if (!failures.insert(ipaddr).second) return false;
+    failure_order.push_back(ipaddr);
+    if (failure_order.size() > IP2NAME_FAILURES_MAX) {
+        failures.erase(failure_order.front());
+        failure_order.pop_front();
     }
-}
-
-// The cached text for key copied into name; false when not cached.
-bool cached_failure(const char *key, char *name) {
-    const char *text = failure_cache ? static_cast<const char *>(getarr(failure_cache, key)) : nullptr;
-    if (!text) return false;
-    strcpy(name, text);
     return true;
-}
-
-// Remembers that key could not be named; an allocation failure only costs a
-// repeated look-up and complaint later.
-void cache_failure(const char *key, const char *dotted) {
-    if (!failure_cache) failure_cache = newarr(nullptr);
-    if (!failure_cache) return;
-    char *copy = strdup(dotted);
-    if (copy) free(setarr(failure_cache, key, copy));
 }
 
 // The resolver's name for a host-order address into name (256 bytes).
@@ -68,6 +74,9 @@ bool resolve_name(std::uint32_t ipaddr, char *name) {
     snprintf(name, 256, "%s", host->h_name);
     return true;
 }
+
+// The reverse look-up ip2name calls; tests replace it.
+std::atomic<Ip2nameLookup> reverse_lookup{resolve_name};
 
 // Sets signal sig to be ignored; false when sigaction refused.
 bool ignore_signal(int sig) {
@@ -112,22 +121,18 @@ int ip2name(std::uint32_t ipaddr, char *name) {
         strcpy(name, "localhost");
         return 0;
     }
-    char key[16];
-    snprintf(key, sizeof key, "%u", ipaddr);
     char dotted[16];
-    {
-        std::lock_guard lock(ip2name_mutex);
-        if (cached_failure(key, name)) return -1;
-        if (resolve_name(ipaddr, name)) return 0;
-        snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", ipaddr >> 24, (ipaddr >> 16) & 0xff,
-                 (ipaddr >> 8) & 0xff, ipaddr & 0xff);
-        cache_failure(key, dotted);
-    }
-    // Outside the lock: no lock is held while writing the log.
+    snprintf(dotted, sizeof dotted, "%u.%u.%u.%u", ipaddr >> 24, (ipaddr >> 16) & 0xff, (ipaddr >> 8) & 0xff,
+             ipaddr & 0xff);
+    if (!known_failure(ipaddr) && reverse_lookup.load()(ipaddr, name)) return 0;
     strcpy(name, dotted);
-    elog_complain(0, "Can't lookup hostname for ip address %s", dotted);
+    // Two threads may fail on one address at once: only the first to record
+    // it complains, so each address is complained about once.
+    if (record_failure(ipaddr)) elog_complain(0, "Can't lookup hostname for ip address %s", dotted);
     return -1;
 }
+
+Ip2nameLookup ip2name_set_lookup(Ip2nameLookup lookup) { return reverse_lookup.exchange(lookup ? lookup : resolve_name); }
 
 int ignoreSIGPIPE(void) {
     if (!ignore_signal(SIGPIPE)) elog_die(1, "Unexpected failure: file %s, line %d\n", "ignoreSIGPIPE", 18);

@@ -13,7 +13,10 @@ int name2ip(const char *name, std::uint32_t *ipaddr, char *ipc);
 // Names a host-order IPv4 address into name (>= 256 bytes). 0 when the
 // resolver named it; -1 when it could not be named (name gets the dotted
 // text, complained about once per address) or came from that failure cache.
+// The look-up holds no lock, so callers are never held up by each other's.
 int ip2name(std::uint32_t ipaddr, char *name);
+// Addresses ip2name's failure cache keeps; beyond this it forgets the oldest.
+#define IP2NAME_FAILURES_MAX 256
 
 // SIGPIPE ignored (SA_RESTART, empty mask); fatal on failure; returns 0.
 int ignoreSIGPIPE(void);

@@ -27,35 +27,25 @@ struct timespec deadline_after(double seconds) {
     return ts;
 }
 
-// Waits on cond until ready() holds. 0 ready; FIFO_RELEASED when released
-// first; FIFO_NOT_NOW when the FIFO does not block or the time-out passed.
-// Called with the mutex held. ready() is asked again after a time-out,
-// because a timed-out waiter may have taken the signal meant for it.
+// Waits on cond until ready() holds. 0 ready; FIFO_RELEASED once released,
+// which wins over ready so that a released FIFO answers at once even with
+// pointers still queued (a consumer handed them would keep writing to a
+// link that may be stuck while the shutdown waits to join it); FIFO_NOT_NOW
+// when the FIFO does not block or the time-out passed. Called with the mutex
+// held. ready() is asked again after a time-out, because a timed-out waiter
+// may have taken the signal meant for it.
 template <class Ready>
 int wait_for(Pmtfifo *fifo, pthread_cond_t *cond, Ready ready) {
     bool timed = fifo->timeout > 0;
     struct timespec deadline = timed ? deadline_after(fifo->timeout) : timespec{};
-    while (!ready()) {
+    for (;;) {
         if (fifo->release_block) return FIFO_RELEASED;
+        if (ready()) return 0;
         if (!fifo->block) return FIFO_NOT_NOW;
         int rc = timed ? pthread_cond_timedwait(cond, &fifo->mutex, &deadline)
                        : pthread_cond_wait(cond, &fifo->mutex);
-        if (rc == ETIMEDOUT && !ready()) return fifo->release_block ? FIFO_RELEASED : FIFO_NOT_NOW;
+        if (rc == ETIMEDOUT && !fifo->release_block) return ready() ? 0 : FIFO_NOT_NOW;
     }
-    return 0;
-}
-
-// True when the list from head to tail agrees with queue and maxqueue.
-// The walk stops after maxqueue + 1 steps, so a looped list cannot hang it.
-bool list_ok(const Pmtfifo *fifo) {
-    if (fifo->queue < 0 || fifo->queue > fifo->maxqueue) return false;
-    const MtfifoElement *prev = nullptr;
-    int count = 0;
-    for (const MtfifoElement *e = fifo->head; e; e = e->next) {
-        if (e->prev != prev || ++count > fifo->maxqueue) return false;
-        prev = e;
-    }
-    return prev == fifo->tail && count == fifo->queue;
 }
 
 int init_sync(Pmtfifo *fifo) {
@@ -123,11 +113,6 @@ int pmtfifo_push(Pmtfifo *fifo, void *ptr) {
         return FIFO_FAILED;
     }
     PthreadLock lock(&fifo->mutex);
-    if (fifo->check && !list_ok(fifo)) {
-        elog_log(0, "pmtfifo_push: the FIFO's list is inconsistent\n");
-        return FIFO_FAILED;
-    }
-    if (fifo->release_block) return FIFO_RELEASED;
     int rc = wait_for(fifo, &fifo->producer_cond, [fifo] { return fifo->queue < fifo->maxqueue; });
     if (rc != 0) return rc;
     MtfifoElement *e = element.release();
@@ -149,12 +134,6 @@ int pmtfifo_pop(Pmtfifo *fifo, void **ptr) {
     std::unique_ptr<MtfifoElement> element;
     {
         PthreadLock lock(&fifo->mutex);
-        if (fifo->check && !list_ok(fifo)) {
-            elog_log(0, "pmtfifo_pop: the FIFO's list is inconsistent\n");
-            return FIFO_FAILED;
-        }
-        // Ready is tested before release, so a released FIFO still hands out
-        // what it holds.
         int rc = wait_for(fifo, &fifo->consumer_cond, [fifo] { return fifo->queue > 0; });
         if (rc == FIFO_RELEASED) return rc;
         if (rc == FIFO_NOT_NOW) return 0;

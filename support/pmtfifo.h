@@ -4,23 +4,23 @@
 // pushed record passes to the FIFO and then to the thread that pops it.
 //
 // Results:
-//   pmtfifo_push   0 queued; -1 bad argument, allocation failure or a failed
-//                  check (a message is registered); -2 full without blocking,
-//                  or a blocking wait that ran out of time; -3 released.
+//   pmtfifo_push   0 queued; -1 bad argument, allocation failure or nullptr
+//                  refused by check (a message is registered); -2 full
+//                  without blocking, or a blocking wait that ran out of
+//                  time; -3 released.
 //   pmtfifo_pop    0 with the oldest pointer in *ptr, or 0 with nullptr in
 //                  *ptr when none came (empty without blocking, or the
-//                  blocking wait ran out of time); -1 bad argument or a failed
-//                  check (a message is registered); -3 released and empty.
+//                  blocking wait ran out of time); -1 bad argument (a message
+//                  is registered); -3 released.
 //
-// After pmtfifo_release_block nothing waits any more: push returns -3, and
-// pop still hands out what is queued, then returns -3. The pop of a released
-// FIFO fails rather than returning nullptr so that a consumer which only
-// looks at its shutdown flag when pop fails leaves its loop, instead of
-// spinning on empty successes for ever; and nothing queued is lost.
+// After pmtfifo_release_block nothing waits any more: push and pop return -3
+// at once, and what is still queued stays there for pmtfifo_destroy. The pop
+// of a released FIFO fails rather than returning nullptr so that a consumer
+// which only looks at its shutdown flag when pop fails leaves its loop,
+// instead of spinning on empty successes for ever.
 //
-// check != 0: push refuses nullptr (which a consumer could not tell from
-// "nothing came"), and every operation first verifies the list against
-// queue and maxqueue, failing with -1 when it is inconsistent.
+// check != 0: push refuses nullptr, which a consumer could not tell from
+// "nothing came".
 // timeout > 0 (seconds; set the field after creation): a blocking push or pop
 // waits at most that long; 0 or less waits until it can proceed or release.
 #pragma once
@@ -42,7 +42,7 @@ struct Pmtfifo {
     int maxqueue;                  // most pointers held at once
     int queue;                     // pointers held now
     int block;                     // push waits when full, pop when empty
-    int check;                     // refuse nullptr pushes, verify the list
+    int check;                     // refuse nullptr pushes
     int release_block;             // set once by pmtfifo_release_block
     double timeout;                // seconds a blocking wait may last; <= 0: no limit
     MtfifoElement *head;

@@ -65,7 +65,6 @@ int hexdump(FILE *out, const void *buf, int nbytes) {
     if (!out || nbytes < 0 || (!buf && nbytes > 0)) return -1;
     const unsigned char *bytes = static_cast<const unsigned char *>(buf);
     std::string text;
-    text.reserve(static_cast<size_t>(nbytes / 16 + 1) * 80);
     for (int offset = 0; offset < nbytes; offset += 16)
         dump_line(text, bytes + offset, offset, nbytes - offset < 16 ? nbytes - offset : 16);
     // One write and a flush, so that the dump lands between the log lines

@@ -1,112 +1,115 @@
 #include "stats/taverage.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
+#include <fstream>
+#include <regex>
 
 #include "stats/taverage_clock.h"
 #include "support/elog.h"
 
-namespace {
-
-// Every put in this program reads the time from fake_time.
-std::atomic<double> fake_time{0.0};
-[[maybe_unused]] const bool clock_is_fake =
-    (taverage_set_clock([] { return fake_time.load(); }), true);
-
-void put_at(TAverage *avg, double now, double value) {
-    fake_time = now;
-    taverage_put(avg, value);
-}
-std::vector<double> slots(const TAverage *avg, int n) { return {avg->bins, avg->bins + n}; }
-
-// Asks (time - twin, time]; checks the covered bounds and sum, then the average.
-void expect_get(TAverage *avg, double time, double twin, std::vector<double> want) {
-    SCOPED_TRACE("get " + std::to_string(time) + " " + std::to_string(twin));
+using V = std::vector<double>;
+static std::atomic<double> fake_time{0.0};  // every put in this program reads the time from here
+[[maybe_unused]] static const bool clock_is_fake = (taverage_set_clock([] { return fake_time.load(); }), true);
+static void put_at(TAverage *avg, double now, double value) { fake_time = now, taverage_put(avg, value); }
+static V slots(const TAverage *avg, int n) { return {avg->bins, avg->bins + n}; }
+// Asks (time - twin, time]: the covered bounds, the sum and the average.
+static V get(TAverage *avg, double time, double twin) {
     double sum = -1, ave = -1;
-    EXPECT_EQ(taverage_get(avg, &time, &twin, &sum, &ave), 0);
-    EXPECT_EQ((std::vector<double>{time, twin, sum}), std::vector<double>(&want[0], &want[3]));
-    EXPECT_DOUBLE_EQ(ave, want[3]);
+    return taverage_get(avg, &time, &twin, &sum, &ave) == 0 ? V{time, twin, sum, ave} : V{};
 }
 
 TEST(TAverage, BinnedPutsAndGets) {
-    TAverage *avg = taverage_create(1000, 10, 5);  // newest bin ends at 1010
-    put_at(avg, 1005, 1);    // 5 s before the end: bin 0
-    put_at(avg, 1010, 2);    // exactly at the end: still bin 0
-    put_at(avg, 1010.5, 4);  // past it: (int)(0.5/10)+1 = 1 step, end 1020, old bin 0 moves to 1
-    put_at(avg, 995, 8);     // 25 s before 1020: bin 2
-    put_at(avg, 960, 16);    // 60 s before: bin 6 does not exist, dropped
-    EXPECT_EQ(avg->time, 1020);
-    EXPECT_EQ(slots(avg, 5), (std::vector<double>{4, 3, 8, 0, 0}));
-    // Past: end bin (int)(15/10) = 1 -> 1010; start (int)((25-0.001)/10) = 2 -> 990; 11 in 20 s.
-    expect_get(avg, 1005, 10, {1010, 20, 11, 0.55});
-    expect_get(avg, 1020, 20, {1020, 20, 7, 0.35});
-    // Future: end bin -((int)((15-0.001)/10)+1) = -2 -> 1040; start bin 1 -> 1000; sums from bin 0.
-    expect_get(avg, 1035, 30, {1040, 40, 7, 7.0 / 40});
-    // A start 0.5 ms before the 1010 edge counts as on it: (int)((10.0005-0.001)/10) = bin 0.
-    expect_get(avg, 1020, 10.0005, {1020, 10, 4, 0.4});
+    // Newest bin ends at 1010; the bins are lent a guarded array, so that a step past them shows.
+    TAverage *avg = taverage_create(1000, 10, 5);
+    double guarded[12] = {1e6, 0, 0, 0, 0, 0, 1e6, 1e6, 1e6, 1e6, 1e6, 1e6}, *own = std::exchange(avg->bins, guarded + 1);
+    V ends;
+    // Bin 0 from 5 s before its end to the end itself; 0.5 s past it: one step to 1020, the old bin 0 moves
+    // to 1; 25 s before 1020: bin 2; 60 s before: bin 6 does not exist, dropped.
+    for (auto [now, value] : {std::pair(1005.0, 1.0), {1010, 2}, {1010.5, 4}, {995, 8}, {960, 16}})
+        put_at(avg, now, value), ends.push_back(avg->time);
+    EXPECT_EQ(std::pair(ends, slots(avg, 5)), std::pair(V{1010, 1010, 1020, 1020, 1020}, V{4, 3, 8, 0, 0}));
+    struct Row { const char *behaviour; double time, twin; V want; };
+    const Row rows[] = {
+        {"past: end bin 1 (1010), start bin 2 (990)", 1005, 10, {1010, 20, 11, 0.55}},
+        {"the newest bins", 1020, 20, {1020, 20, 7, 0.35}},
+        {"future: end bin -2 (1040), the sum from bin 0", 1035, 30, {1040, 40, 7, 7.0 / 40}},
+        {"a start 0.5 ms before the 1010 edge lies on it", 1020, 10.0005, {1020, 10, 4, 0.4}},
+        {"an end 0.5 ms after the 1030 edge lies on it", 1030.0005, 20.0005, {1030, 20, 4, 0.2}},
+        {"an end 2 ms after it lies in the next bin", 1030.002, 20.002, {1040, 30, 4, 4.0 / 30}},
+        {"a far-off end and window: every bin", 1e12 + 1010, 1e12 + 1020, {1e12 + 1010, 1e12 + 1020, 15, 15 / (1e12 + 1020)}},
+        {"a window from the newest bin's end on: nothing yet", 1030, 10, {1030, 10, 0, 0}},
+        {"a far-off past: nothing", -1e12, 10, {-1e12, 10, 0, 0}}};
+    for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
-    EXPECT_EQ(avg->time, 1110);
-    EXPECT_EQ(slots(avg, 5), (std::vector<double>{0, 32, 0, 0, 0}));
-    taverage_destroy(avg);
-
-    // Bins of 10 ns at 1e9 s are below the double's resolution there (about 119 ns), so the
-    // covered window rounds to 0 s: an empty sum averages 0, a non-empty one 1e30.
-    avg = taverage_create(1e9, 1e-8, 4);
-    expect_get(avg, 1e9, 1e-6, {1e9, 0, 0, 0});
-    put_at(avg, 1e9, 5);
-    expect_get(avg, 1e9, 1e-6, {1e9, 0, 5, 1e30});
-    taverage_destroy(avg);
+    EXPECT_EQ(std::pair(avg->time, slots(avg, 5)), std::pair(1110.0, V{0, 32, 0, 0, 0}));
+    EXPECT_EQ(V(guarded + 6, guarded + 12), V(6, 1e6)) << guarded[0];
+    EXPECT_EQ(guarded[0], 1e6);
+    avg->bins = own;
+    // Bins of 2^-14 s, narrower than the 1 ms margin: an end 2^-11 s after the newest bin lies in the next.
+    // Bins of 10 ns at 1e9 s, below the double's resolution there: the covered window rounds to 0 s, so an
+    // empty sum averages 0, a non-empty one 1e30.
+    const double tiny = 1.0 / 16384;
+    TAverage *narrow = taverage_create(1, tiny, 4), *fine = taverage_create(1e9, 1e-8, 4);
+    EXPECT_EQ(get(narrow, 1 + tiny + 1.0 / 2048, tiny + 1.0 / 2048), (V{1 + 2 * tiny, 2 * tiny, 0, 0}));
+    EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 0, 0}));
+    put_at(fine, 1e9, 5);
+    EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 5, 1e30}));
+    EXPECT_EQ(V({avg->twin, narrow->twin, fine->twin}), V({50, 4 * tiny, 4e-8}));  // the span of all bins
+    taverage_destroy(avg), taverage_destroy(narrow), taverage_destroy(fine);
 }
 
 TEST(TAverage, EventsExpireAndGrow) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(taverage_create(0, 0, 5), nullptr);
-    EXPECT_EQ(taverage_create(0, 1, 0), nullptr);  // binned needs a bin; events get 100 slots
-    elog_clear_register(1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("taverage_create: tbin cannot be == 0"), std::string::npos) << err;
-    EXPECT_NE(err.find("taverage_create: nbin = 0 must be > 0"), std::string::npos) << err;
-    TAverage *avg = taverage_create(10, -1, 0);  // 10 s window
-    ASSERT_EQ(avg->nbin, 100);
+    TAverage *avg = taverage_create(10, -1, 0), *many = taverage_create(1e6, -1, 0);  // 10 s window, 100 slots
+    TAverage *none = taverage_create(-1, -1, 0);  // a negative window forgets even the put just made
+    put_at(none, 5, 0);
+    EXPECT_EQ(none->bins[0], 0);
+    double guarded[101] = {}, *own = std::exchange(avg->bins, guarded);  // a guard after the 100 slots
+    guarded[100] = 1;
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
-    EXPECT_EQ(slots(avg, 4), (std::vector<double>{1002, 1001, 1000, 0}));
-    expect_get(avg, 1002, 1.5, {1002, 1.5, 2, 0});    // 1002 and 1001; the walk stops at 1000
-    expect_get(avg, 1001.5, 10, {1001.5, 10, 2, 0});  // 1002 lies after the end: skipped
+    EXPECT_EQ(std::pair(avg->nbin, slots(avg, 4)), std::pair(100, V{1002, 1001, 1000, 0}));
+    EXPECT_EQ(get(avg, 1002, 1.5), (V{1002, 1.5, 2, 0}));    // the walk stops at 1000
+    EXPECT_EQ(get(avg, 1001.5, 10), (V{1001.5, 10, 2, 0}));  // 1002 is after the end
     put_at(avg, 1011, 0);  // 1000 is 11 s old and goes; 1001 is exactly 10 s old and stays
-    EXPECT_EQ(slots(avg, 4), (std::vector<double>{1011, 1002, 1001, 0}));
-    taverage_destroy(avg);
-
-    avg = taverage_create(1e6, -1, 0);
-    for (int i = 1; i <= 101; i++) put_at(avg, i, 0);
-    ASSERT_EQ(avg->nbin, 151);  // the 101st put found no free slot: (int)(100*1.5)+1
-    EXPECT_EQ((std::vector<double>{avg->bins[0], avg->bins[100], avg->bins[101], avg->bins[150]}),
-              (std::vector<double>{101, 1, 0, 0}));
-    EXPECT_EQ(taverage_destroy(avg) + taverage_destroy(nullptr), 0);
+    EXPECT_EQ(std::pair(slots(avg, 4), guarded[100]), std::pair(V{1011, 1002, 1001, 0}, 1.0));
+    avg->bins = own;
+    for (int i = 1; i <= 101; i++) put_at(many, i, 0);  // the 101st finds no free slot: (int)(100*1.5)+1
+    EXPECT_EQ(std::pair(many->nbin, V{many->bins[0], many->bins[100], many->bins[101], many->bins[150]}),
+              std::pair(151, V{101, 1, 0, 0}));
+    EXPECT_EQ(taverage_destroy(avg) + taverage_destroy(many) + taverage_destroy(none) + taverage_destroy(nullptr), 0);
+    size_t held = mallinfo2().uordblks;  // destroy frees the record and its bins: 10000 of them hold nothing
+    for (int i = 0; i < 10000; i++) taverage_destroy(taverage_create(0, 1, 10));
+    EXPECT_LT(mallinfo2().uordblks - held, 100000u);
 }
 
-TEST(TAverage, ThreadsPutAndGetAtOnce) {
-    fake_time = 100.5;
-    TAverage *binned = taverage_create(100, 1, 10), *events = taverage_create(60, -1, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&] {
-            double time = 101, twin = 1, sum, ave;
-            for (int i = 0; i < 500; i++) {
-                taverage_put(binned, 1.0);
-                if (i % 10 == 0) taverage_put(events, 0);
-                taverage_get(binned, &time, &twin, &sum, &ave);
-            }
-        });
-    for (auto &t : threads) t.join();
-    expect_get(binned, 101, 1, {101, 1, 2000, 2000});
-    EXPECT_EQ(events->nbin, 227);  // 200 events: 100 -> 151 -> (int)(151*1.5)+1
-    expect_get(events, 100.5, 1, {100.5, 1, 200, 0});
-    taverage_destroy(binned);
-    taverage_destroy(events);
+// The argument checks carry no error text left over from an earlier call; byte counts are printed whole,
+// past the int range too (with only 256 MiB more address space than now, the bins cannot be had).
+TEST(TAverageDeathTest, FailuresNameTheirCause) {
+    long pages = 0, nbin = INT_MAX;
+    std::ifstream("/proc/self/statm") >> pages;
+    struct rlimit old, small = {rlim_t(pages * sysconf(_SC_PAGESIZE) + (256 << 20)), (getrlimit(RLIMIT_AS, &old), old.rlim_max)};
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // they need the address space
+    nbin = 0;
+#endif
+    errno = EAGAIN;
+    testing::internal::CaptureStderr();
+    std::vector<TAverage *> made = {(setrlimit(RLIMIT_AS, &small), taverage_create(0, 0, 5)), taverage_create(0, 1, 0),
+                                    nbin ? taverage_create(0, 1, int(nbin)) : nullptr, (setrlimit(RLIMIT_AS, &old), nullptr)};
+    std::string err = (elog_clear_register(1), testing::internal::GetCapturedStderr());
+    std::string want = "tbin cannot be == 0\n.* taverage_create: nbin = 0 must be > 0\n";
+    if (nbin) want += ".* taverage_create: malloc\\(TAverage->bins,17179869176\\) error\\. \\(Cannot allocate memory\\)\n";
+    EXPECT_EQ(made, std::vector<TAverage *>(4, nullptr));
+    made[0] = taverage_create(0, 1, 1);  // one bin is enough
+    EXPECT_EQ((std::pair{made[0] != nullptr, taverage_destroy(made[0])}), std::pair(true, 0));
+    EXPECT_TRUE(std::regex_match(err, std::regex(".* taverage_create: " + want))) << err;
+    if (!nbin) return;
+    TAverage *full = taverage_create(1, -1, 25000000);  // 200 MB of event slots, all taken: no room for 300 MB
+    std::fill(full->bins, full->bins + full->nbin, 1.0);
+    EXPECT_EXIT((setrlimit(RLIMIT_AS, &small), put_at(full, 2, 0)), testing::ExitedWithCode(1),
+                "taverage_put: realloc \\(300000008\\) error\\. \\(Cannot allocate memory\\)\n");
+    taverage_destroy(full);
 }
-
-}  // namespace
