@@ -115,7 +115,7 @@ int create_port_containers(Korvane *qpr) {
         elog_log(0, "parse_pf: newtbl(qpr->ports) error.\n");
         return -1;
     }
-    qpr->ports_arr = newarr(nullptr);
+    qpr->ports_arr = routemap_create(KORVANE_ROUTES_MAX);
     if (qpr->ports_arr == nullptr) {
         elog_log(0, "parse_pf: newarr(qpr->ports_arr) error.\n");
         return -1;
@@ -139,13 +139,22 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
                  value, tmpl);
         return -1;
     }
+    // Every datagram toward the datalogger is addressed by the text
+    // "address:port", which must fit a packet's destination whole: cut, it
+    // would lose digits of the port and send the datagram elsewhere.
+    char dst[sizeof KorvanePkt::dst];
+    int len = snprintf(dst, sizeof dst, "%s:%d", qpr->q330_ip_address, q330_port);
+    if (len >= static_cast<int>(sizeof dst)) {
+        elog_log(0, "parse_pf: %s->q330_ip_address '%s:%d' is longer than %d characters.\n", tmpl,
+                 qpr->q330_ip_address, q330_port, static_cast<int>(sizeof dst) - 1);
+        return -1;
+    }
     auto *port = static_cast<KorvanePort *>(malloc(sizeof(KorvanePort)));
     if (port == nullptr) {
-        // The start-up goes on after this message. Filling or appending a
-        // record that does not exist would crash, so this translation is
-        // left out instead and the remaining ones are still read.
+        // Going on without this translation would leave a port silently
+        // unserved; failing makes the relay end with the reason.
         elog_log(1, "parse_pf: malloc (port,%d) error.\n", static_cast<int>(sizeof(KorvanePort)));
-        return 0;
+        return -1;
     }
     memset(port, 0, sizeof *port);
     port->qpr = qpr;
