@@ -6,6 +6,7 @@
 
 #include <netinet/in.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -25,7 +26,7 @@ constexpr int kFrameMax = 2 * kPacketMax + 2;  // every byte escaped, plus two E
 constexpr int kDropped = -3;                   // frame refused; read the next one
 
 // Adds n to an average the endpoint may not have.
-void account(TAverage *avg, int n) {
+void account(TAverage *avg, double n) {
     if (avg) taverage_put(avg, n);
 }
 
@@ -291,6 +292,7 @@ int slip_recvfrom(UDP *udp, void *msg, size_t len, int /*flags*/, struct sockadd
     slip_decoder_reset(&dec);
     for (;;) {
         unsigned char byte;
+        errno = 0;  // the caller's message names the link's own error, or none
         int r = serialbuf_get_byte(udp->slip_buf, &byte, 1);
         if (r == 1) return -2;
         if (r != 0) return -1;

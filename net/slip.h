@@ -126,7 +126,8 @@ struct SlipDecoder {
     unsigned char bytes[SLIP_MAX_FRAME];  // decoded bytes of the frame so far
     int count;                            // decoded bytes held
     int escaped;                          // the previous byte was ESC
-    int raw;                              // bytes fed for this frame, ENDs and ESCs included
+    long long raw;                        // bytes fed for this frame, ENDs and ESCs included;
+                                          // wide, as a line of ENDs alone never ends a frame
     int finished;                         // the last feed completed or abandoned a frame
 };
 

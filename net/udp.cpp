@@ -124,10 +124,14 @@ namespace {
 
 // Opens and connects the link; the SLIP source port becomes the local port.
 int open_link(SerialBuf *buf, int port) {
+    // errno is cleared first so that a message carries an error text only
+    // when the step it names set one.
+    errno = 0;
     if (serialbuf_open(buf) < 0) {
         elog_log(1, "udp_open: serialbuf_open() error.\n");
         return -1;
     }
+    errno = 0;
     if (serialbuf_connect(buf, 0, "") < 0) {
         elog_log(1, "udp_open: serialbuf_connect() error.\n");
         return -1;
@@ -144,6 +148,7 @@ int bind_socket(int fd, int port, const char *ipaddr) {
     std::uint16_t p = static_cast<std::uint16_t>(port);
     unsigned char *c = reinterpret_cast<unsigned char *>(&sa.sin_port);
     if (uhs2ms(&p, &c, 1) < 0) {
+        errno = 0;  // not a system call: no error text
         elog_log(1, "udp_open: uhs2ms() error.\n");
         return -1;
     }
@@ -163,6 +168,7 @@ int udp_open(SerialBuf *buf, int port, const char *ipaddr) {
     // Descriptor 0 is refused too: it means standard input was closed, and
     // leaving it taken makes the next attempt get an ordinary descriptor.
     if (fd < 1) {
+        if (fd == 0) errno = 0;  // socket() itself succeeded
         elog_log(1, "udp_open: socket() error.\n");
         return -1;
     }
@@ -175,7 +181,13 @@ int udp_open(SerialBuf *buf, int port, const char *ipaddr) {
         elog_log(1, "udp_open: setsockopt(SO_BROADCAST) error.\n");
         return -1;
     }
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    // A socket left blocking would hang a host reader that polls it.
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        elog_log(1, "udp_open: fcntl(O_NONBLOCK) error.\n");
+        close(fd);
+        return -1;
+    }
     if (port < 1 && !(ipaddr && *ipaddr)) return fd;
     return bind_socket(fd, port, ipaddr);
 }
@@ -244,6 +256,7 @@ int udp_setup_ipaddr(const char *hostport, struct sockaddr *saddr) {
     std::uint16_t port = static_cast<std::uint16_t>(atoi(text.c_str() + colon + 1));
     unsigned char *c = reinterpret_cast<unsigned char *>(&sa.sin_port);
     if (uhs2ms(&port, &c, 1) < 0) {
+        errno = 0;  // not a system call: no error text
         elog_log(1, "udp_setup_ipaddr: uhs2ms() error.\n");
         return -1;
     }
@@ -251,6 +264,7 @@ int udp_setup_ipaddr(const char *hostport, struct sockaddr *saddr) {
     UDPResolver resolve = resolver_override.load();
     std::uint32_t ip;
     char ipc[32];
+    errno = 0;  // a failed look-up says why only if it set errno itself
     if ((resolve ? resolve : name2ip)(text.c_str(), &ip, ipc) != 0) {
         elog_log(1, "udp_setup_ipaddr: Can't locate server by name of '%s'\n", hostport);
         return -1;
@@ -291,7 +305,11 @@ int myfdwait(int fd, int msec) {
     pollfd p = {fd, wanted, 0};
     int r = poll(&p, 1, msec);
     if (r == 0) return 1;
-    if (r == 1) return (p.revents & wanted) ? 0 : -1;
+    if (r == 1 && (p.revents & wanted)) return 0;
+    if (r == 1) {
+        errno = 0;  // a hang-up or an invalid descriptor, not a failed poll
+        return -1;
+    }
     if (r < 0 && errno == EINTR) return 2;
     if (r < 0 && errno == EAGAIN) return 1;
     return -1;
@@ -375,6 +393,13 @@ namespace {
 // Resolves the destination unless it is the text resolved last time.
 int resolve_destination(UDP *udp, const char *send_hostport) {
     if (std::strcmp(send_hostport, udp->send_hostport) == 0) return 0;
+    // A text the cache cannot hold whole is refused before it is resolved:
+    // cut, it would stand for a destination other than the one resolved.
+    if (std::strlen(send_hostport) >= sizeof udp->send_hostport) {
+        elog_log(0, "udp_write: destination '%s' longer than %d characters.\n", send_hostport,
+                 static_cast<int>(sizeof udp->send_hostport) - 1);
+        return -1;
+    }
     if (udp_setup_ipaddr(send_hostport, reinterpret_cast<sockaddr *>(&udp->send_saddr)) < 0) {
         elog_log(0, "udp_write: udp_setup_ipaddr(%s) error.\n", send_hostport);
         return -1;
@@ -410,6 +435,7 @@ int udp_write(UDP *udp, int local_port, const char *local_ipaddr, const char *se
     if (fd < 0) return fd;
     if (resolve_destination(udp, send_hostport) < 0) return -1;
     udp_print_verbose(udp, 1, nbytes, buf, "udpw: ", "%d bytes to %s:", nbytes, send_hostport);
+    errno = 0;  // a short write sets none, and its message must not borrow one
     long sent = send_datagram(udp, fd, buf, nbytes);
     if (sent < 0 && errno == EINTR) {
         elog_log(1, "udp_write: sendto(%s) interrupted.\n", send_hostport);
@@ -420,6 +446,7 @@ int udp_write(UDP *udp, int local_port, const char *local_ipaddr, const char *se
         return -1;
     }
     if (sent < nbytes) {
+        errno = 0;
         elog_log(1, "udp_write: sendto(%s) short by %d bytes.\n", send_hostport,
                  nbytes - static_cast<int>(sent));
         return -1;
@@ -432,7 +459,8 @@ int udp_write(UDP *udp, int local_port, const char *local_ipaddr, const char *se
 namespace {
 
 // One receive without waiting: 0 with *n, would_block when nothing is there,
-// 2 interrupted, -1 failure, kDropped for a datagram over the capacity.
+// 2 interrupted, -1 failure, kDropped for an empty datagram or one over the
+// capacity.
 int socket_try(UDP *udp, int fd, void *buf, int cap, sockaddr_in *from, int *n, int would_block) {
     socklen_t fromlen = 16;
     // MSG_TRUNC makes recvfrom report the datagram's real length, so one
@@ -440,18 +468,24 @@ int socket_try(UDP *udp, int fd, void *buf, int cap, sockaddr_in *from, int *n, 
     long r = recvfrom(fd, buf, cap > 0 ? cap : 0, MSG_TRUNC, reinterpret_cast<sockaddr *>(from), &fromlen);
     if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return would_block;
     if (r < 0 && errno == EINTR) return 2;
-    if (r < 1) {
+    if (r < 0) {
         elog_log(1, "udp_read: recvfrom() error.\n");
         return -1;
     }
     account(udp->bytes_read, r + kWireOverhead);
     account(udp->datarate, r + kWireOverhead);
-    if (r > cap) {
+    // An empty datagram is dropped like an oversize one: anyone who reaches
+    // the port can send one, and failing the read would end the relay.
+    if (r == 0 || r > cap) {
         if (udp->verbose >= 1) {
             char addr[INET_ADDRSTRLEN] = "?";
             inet_ntop(AF_INET, &from->sin_addr, addr, sizeof addr);
-            elog_complain(0, "udp_read: dropped a %ld-byte datagram from %s:%d, larger than the %d-byte buffer.\n",
-                          r, addr, ntohs(from->sin_port), cap);
+            if (r == 0)
+                elog_complain(0, "udp_read: dropped an empty datagram from %s:%d.\n", addr,
+                              ntohs(from->sin_port));
+            else
+                elog_complain(0, "udp_read: dropped a %ld-byte datagram from %s:%d, larger than the %d-byte buffer.\n",
+                              r, addr, ntohs(from->sin_port), cap);
         }
         return kDropped;
     }
@@ -529,6 +563,7 @@ int source_text(UDP *udp, const sockaddr_in &from) {
     unsigned char *c = bytes;
     std::uint16_t port;
     if (ums2hs(&c, &port, 1) < 0) {
+        errno = 0;  // not a system call: no error text
         elog_log(1, "udp_read: ums2hs() error.\n");
         return -1;
     }

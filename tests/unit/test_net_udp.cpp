@@ -1,11 +1,19 @@
-// The datagram endpoint on real loopback sockets, and in SLIP mode over a pseudo-terminal.
+// The datagram endpoint: host sockets on loopback, and SLIP over a pseudo-terminal playing the
+// datalogger's line. Frames are judged by a builder and an escaper written here from RFC 791,
+// 768, 1071 and 1055, never by the product's codec. poll and sendto are wrapped so that what no
+// real socket shows in a test's time (300 s wait slices, interrupted and short sends) is scripted.
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
-#include <mutex>
+#include <cstring>
+#include <functional>
 #include <thread>
 
+#include "link/serialbuf.h"
 #include "net/slip.h"
 #include "net/udp.h"
 #include "stats/taverage.h"
@@ -13,179 +21,325 @@
 #include "support/host.h"
 #include "testutil.h"
 
+std::function<int(pollfd *, int)> fake_poll;  // unset: the real call
+std::function<long(size_t)> fake_sendto;
+template <class F> F real(const char *name) { return reinterpret_cast<F>(dlsym(RTLD_NEXT, name)); }
+extern "C" int poll(pollfd *p, nfds_t n, int ms) {
+    return fake_poll ? fake_poll(p, ms) : real<int (*)(pollfd *, nfds_t, int)>("poll")(p, n, ms);
+}
+extern "C" ssize_t sendto(int fd, const void *b, size_t n, int f, const sockaddr *to, socklen_t tl) {
+    using Sendto = ssize_t (*)(int, const void *, size_t, int, const sockaddr *, socklen_t);
+    return fake_sendto ? fake_sendto(n) : real<Sendto>("sendto")(fd, b, n, f, to, tl);
+}
+
 namespace {
 
-// Expects each part among the thread's registered messages; writes out, clears and returns them.
-std::string registered(std::initializer_list<std::string> parts = {}) {
+using Bytes = std::string;  // frames and packets as the byte strings they are
+
+unsigned fold(const Bytes &b, unsigned s = 0) {  // RFC 1071: sum of big-endian words, folded
+    for (size_t i = 0; i < b.size(); i += 2)
+        s += (unsigned char)b[i] << 8 | (i + 1 < b.size() ? (unsigned char)b[i + 1] : 0);
+    return s > 0xFFFF ? fold({}, (s & 0xFFFF) + (s >> 16)) : s;
+}
+
+struct P {  // a test packet's fields
+    Bytes payload;
+    unsigned src = 0x0A000009, sport = 6330, dst = 0x0A000001, dport = 4242, id = 0, ttl = 64;
+    unsigned frag = 0;
+    Bytes opts = "";
+};
+
+Bytes packet(const P &k) {  // RFC 791 and 768 with both checksums; a UDP sum 0 goes as FFFF
+    size_t hl = 20 + k.opts.size(), n = hl + 8 + k.payload.size();
+    Bytes p = Bytes(20, 0) + k.opts + Bytes(8, 0) + k.payload;
+    auto put = [&](size_t at, unsigned v, int len) { while (len--) p[at + len] = char(v), v >>= 8; };
+    for (auto [at, v, len] : {std::tuple{0, 0x40 | hl / 4, 1}, {2, n, 2}, {4, k.id, 2},
+                              {6, k.frag, 2}, {8, k.ttl, 1}, {9, 17, 1}, {12, k.src, 4},
+                              {16, k.dst, 4}, {hl, k.sport, 2}, {hl + 2, k.dport, 2},
+                              {hl + 4, n - hl, 2}})
+        put(at, v, len);
+    unsigned u = ~fold(p.substr(hl), fold(p.substr(12, 8), 17 + unsigned(n - hl))) & 0xFFFF;
+    put(hl + 6, u ? u : 0xFFFF, 2);
+    put(10, ~fold(p.substr(0, hl)) & 0xFFFF, 2);
+    return p;
+}
+
+P zero_sum(P k) {  // a payload whose last word makes the UDP sum compute to 0
+    k.payload = Bytes("ze\0\0", 4);
+    return k.payload = "ze" + packet(k).substr(26, 2), k;
+}
+
+Bytes slip(const Bytes &p) {  // RFC 1055: END, the bytes with END and ESC escaped, END
+    Bytes f = "\xC0";
+    for (char c : p) f += c == '\xC0' ? "\xDB\xDC" : c == '\xDB' ? "\xDB\xDD" : Bytes(1, c);
+    return f + "\xC0";
+}
+
+// Dump lines: the prefix and up to 32 bytes each, then (closing) the prefix alone.
+std::string dump(const std::string &prefix, const Bytes &b, const char *fmt = " %02x",
+                 bool closing = true) {
+    std::string out;
+    char hex[4];
+    for (size_t i = 0; i < b.size(); i++) {
+        snprintf(hex, sizeof hex, fmt, (unsigned char)b[i]);
+        out += (i % 32 ? "" : prefix) + hex + (i % 32 == 31 || i + 1 == b.size() ? "\n" : "");
+    }
+    return closing ? out + prefix + "\n" : out;
+}
+
+std::string word(const Bytes &b, size_t at) {  // a checksum printed as a host word holds it
+    char s[8];
+    std::uint16_t w;
+    snprintf(s, sizeof s, "0x%4.4x", (std::memcpy(&w, &b[at], 2), unsigned(w)));
+    return s;
+}
+
+template <class F> std::string logged(F f) {  // the log f writes, without time and program name
     testing::internal::CaptureStderr();
-    elog_clear_register(1);
-    std::string msgs = testing::internal::GetCapturedStderr();
-    for (const auto &part : parts) EXPECT_NE(msgs.find(part), std::string::npos) << part;
-    return msgs;
+    f();
+    std::istringstream in(testing::internal::GetCapturedStderr());
+    std::string out;
+    for (std::string l; std::getline(in, l);) out += l.substr(l.find(": ") + 2) + "\n";
+    return out;
 }
+std::string registered() { return logged([] { elog_clear_register(1); }); }
 
-std::string local(int port) { return "127.0.0.1:" + std::to_string(port); }
-
-int resolutions = 0;
-int counting_resolver(const char *name, std::uint32_t *ip, char *ipc) {
-    resolutions++;
-    return name2ip(name, ip, ipc);
-}
-
-// Collects verbose lines. The pause gives another thread's dump every chance
-// to cut in, were the endpoint's mutex not held from a dump's first line to its last.
-std::vector<std::string> lines;
-std::mutex lines_guard;
-void collect(void *, const char *line) {
-    std::lock_guard lock(lines_guard);
-    lines.push_back(line);
-    usleep(100);
-}
-
-// The bytes an average summed over the last 50 s.
-double sum(TAverage *avg) {
+double sum(TAverage *avg) {  // what an average summed over the last 50 s
     double t = std_now() + 1, twin = 50, s = 0, ave = 0;
     taverage_get(avg, &t, &twin, &s, &ave);
     return s;
 }
 
-// An endpoint, a free port for it, and a loopback client socket.
+int resolutions = 0;
+
+// An endpoint with averages; on a free loopback port with a client socket, or on a SLIP line.
 struct NetUdp : testing::Test {
     UDP *udp = nullptr;
-    int port = testutil::free_udp_port(), client_port = 0;
-    int client = testutil::udp_socket_loopback(&client_port);
-    std::string got, from;
-    long long took_ms = 0;
-    UDPResolver previous = udp_set_resolver(counting_resolver);  // every test here counts
-    void SetUp() override { ASSERT_EQ(udp_new(&udp), 0); }
-    void TearDown() override {
-        udp_free(udp);
-        close(client);
+    int port = testutil::free_udp_port(), cport = 0, client = testutil::udp_socket_loopback(&cport);
+    std::string got, from, me = "127.0.0.1:" + std::to_string(cport);
+    std::unique_ptr<testutil::PtyPair> pty;
+    void SetUp() override {
+        ASSERT_EQ(udp_new(&udp), 0);
+        udp_setup_averages(udp, std_now() - 1, 1, 100, 1, 100, 1, 100);
+        udp_set_resolver([](const char *h, std::uint32_t *a, char *c) { return ++resolutions, name2ip(h, a, c); });
+        resolutions = 0;
     }
-    // udp_read into got and from, timed.
-    int read(int local_port, double timeout, int cap = 1024) {
+    void TearDown() override {
+        fake_poll = nullptr, fake_sendto = nullptr;
+        udp_free(udp), close(client);
+    }
+    void line(int verbose, double timeout) {  // makes the endpoint a SLIP one on a fresh line
+        pty = std::make_unique<testutil::PtyPair>();
+        ASSERT_EQ(udp_setup_slip(udp, pty->slave_path.c_str(), 19200, timeout), 0);
+        udp_setup_averages(udp, std_now() - 1, 1, 100, 1, 100, 1, 100);  // afresh
+        udp->verbose = verbose;
+    }
+    int read(int local_port, double timeout, int cap = 1024) {  // into got and from
         char buf[2048], text[256] = "";
-        long long t = testutil::now_ms();
         int n = cap, r = udp_read(udp, local_port, nullptr, text, buf, &n, timeout);
-        took_ms = testutil::now_ms() - t;
         if (r == 0) got.assign(buf, n), from = text;
         return r;
     }
     int write(int local_port, const std::string &to, const std::string &data) {
-        return udp_write(udp, local_port, nullptr, to.c_str(), data.data(),
-                         static_cast<int>(data.size()));
+        return udp_write(udp, local_port, nullptr, to.c_str(), data.data(), int(data.size()));
     }
 };
 
 }  // namespace
 
-TEST_F(NetUdp, LazyOpenReopenResolveBindFailureAndSetupMode) {
-    EXPECT_EQ(udp->fd, -1);
-    EXPECT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens, bound before anything is sent
-    testutil::udp_send_to(client, port, "to port");
-    ASSERT_EQ(read(port, 5.0), UDP_READ_OK);
-    EXPECT_EQ(got + " " + from, "to port " + local(client_port));
-    // Re-opened on p2; a destination is resolved once per new text, not cached when it fails.
-    int p2 = testutil::free_udp_port(), reply_from = 0;
-    std::string by_name = "localhost:" + std::to_string(client_port);
-    resolutions = 0;
-    EXPECT_EQ(write(p2, local(client_port), "a") + write(p2, local(client_port), "b"), 2);
-    EXPECT_EQ(resolutions, 1);
-    EXPECT_EQ(write(p2, by_name, "c"), 1);
-    EXPECT_EQ(write(p2, "x.invalid:5000", "lost"), -1);
-    registered({"udp_setup_ipaddr: Can't locate server by name of 'x.invalid:5000'",
-                "udp_write: udp_setup_ipaddr(x.invalid:5000) error."});
-    EXPECT_EQ(write(p2, by_name, "d"), 1);
-    EXPECT_EQ(write(p2, "localhost", "e"), -1);
-    EXPECT_EQ(resolutions, 3);
-    registered({"no port number in hostport argument 'localhost'"});
-    std::string all;
-    while (testutil::udp_recv(client, &got, 300, &reply_from)) all += got;
-    EXPECT_EQ(all + " " + std::to_string(reply_from), "abcd " + std::to_string(p2));
-    udp_close(udp);
-    EXPECT_EQ(read(client_port, -1.0), -2);  // the client's port is taken: bind fails
-    registered({"udp_open: bind() error.",
-                "udp_read: udp_open(" + std::to_string(client_port) + ") error."});
-    char dev[64], to[256];  // setup_mode splits a device form and passes other text through
-    EXPECT_EQ(setup_mode("/dev/ttyS1:19200:q330:5330", dev, 0, to), 0);
-    EXPECT_EQ(std::string(dev) + " " + to, "/dev/ttyS1 q330:5330");
-    EXPECT_EQ(setup_mode("q330:5330", dev, 0, to), 0);
-    EXPECT_EQ(std::string(dev) + " " + to, " q330:5330");
-    EXPECT_EQ(setup_mode("/dev/ttyS1", dev, 0, to) + setup_mode("/dev/ttyS1:9600", dev, 0, to), -2);
-    registered({"setup_mode: no hostport in argument '/dev/ttyS1:9600'."});
+// slip_print dumps whole headers, stored checksums beside computed ones, and the frame.
+TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
+    Bytes good = packet({"dumped", 0x7F000001, 5331, 0x7F000001, 5330, 7, 255, 0x4000}), bad = good;
+    bad[11] ^= 1, bad[27] ^= 1;
+    Bytes esc_last = slip(good), big = slip(packet({Bytes(2021, 'x')}));
+    esc_last.back() = '\xDB';
+    std::string out;
+    EXPECT_EQ(logged([&] {
+        testing::internal::CaptureStdout();
+        for (Bytes f : {slip(bad), slip(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
+            EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
+        out = testing::internal::GetCapturedStdout();
+    }), "IP Header-----------------------------------\n    version_length = 0x45\n"
+        "              type = 0x00\n            length = 34\n    identification = 7\n"
+        "   fragment_offset = 0x4000\n      time_to_live = 255\n          protocol = 17\n"
+        "            chksum = " + word(bad, 10) + "(" + word(good, 10) + ")\n"
+        "        ipaddr_src = 0x7f000001 (127.0.0.1 localhost)\n"
+        "        ipaddr_dst = 0x7f000001 (127.0.0.1 localhost)\n"
+        "UDP Header----------------------------------\n          port_src = 5331\n"
+        "          port_dst = 5330\n            length = 14\n"
+        "            chksum = " + word(bad, 26) + "(" + word(good, 26) + ")\n"
+        "Payload 34 bytes.\nprotocol error.\nprotocol error.\nprotocol error.\nprotocol error.\n");
+    EXPECT_NE(out.find("64 75 6d 70"), std::string::npos) << out;  // the hexdump holds "dump"
 }
 
-TEST_F(NetUdp, TimeoutZeroLengthOversizeRandomDropAndAverages) {
-    ASSERT_EQ(udp_setup_averages(udp, std_now() - 1, 1.0, 100.0, 1.0, 100.0, 1.0, 100.0), 0);
-    udp_set_verbose(udp, 1);
-    EXPECT_EQ(read(port, 0.3), UDP_READ_TIMEOUT);
-    EXPECT_TRUE(took_ms >= 250 && took_ms < 5000) << took_ms;
-    testutil::udp_send_to(client, port, "");
-    EXPECT_EQ(read(port, 5.0), -1);
-    registered({"udp_read: recvfrom() error."});
-    // Longer than the capacity: dropped with a complaint, and the next one delivered.
-    testutil::udp_send_to(client, port, std::string(17, 'x'));
-    testutil::udp_send_to(client, port, std::string(16, 'y'));
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(read(port, 5.0, 16), UDP_READ_OK);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("17-byte datagram from " + local(client_port) + ", larger than the 16-byte"),
-              std::string::npos);
-    EXPECT_EQ(got, std::string(16, 'y'));
-    udp->drop_packet_pcnt = 100;
-    udp->verbose_callback = collect;
-    lines.clear();
-    EXPECT_EQ(write(port, local(client_port), std::string(10, 'w')), 1);
-    EXPECT_FALSE(testutil::udp_recv(client, &got, 300));
-    testutil::udp_send_to(client, port, std::string(7, 'r'));
-    EXPECT_EQ(read(port, 0.5), UDP_READ_TIMEOUT);
-    EXPECT_EQ(lines, (std::vector<std::string>{"Random drop packet on send",
-                                               "Random drop packet on receive"}));
-    // Host datagrams, dropped or not, count their bytes plus 42 of headers.
-    EXPECT_EQ(sum(udp->bytes_read), 17 + 16 + 7 + 3 * 42);
-    EXPECT_EQ(sum(udp->bytes_written), 10 + 42);
-    EXPECT_EQ(sum(udp->datarate), 40 + 10 + 4 * 42);
+// Frames sent through a SLIP endpoint: exact bytes, the identification wrapping, the source as
+// set up, opened and then set by the forwarding thread, the dumps, and the bytes counted.
+TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
+    line(2, 0.0026);  // the link's time-out rounds to 3 ms
+    SerialBuf *sb = udp->slip_buf;
+    EXPECT_EQ(std::to_string(sb->timeout) + " " + std::to_string(sb->slip_port_src) + " " +
+                  std::to_string(sb->slip_ipaddr_src), "3 65535 4294967295");
+    const Bytes op = "0123456789:;<=>?@ABCDEFGHIJKLMNOP";
+    Bytes want = slip(packet({op, 0xFFFFFFFF, 4242, 0x0A000001, 5330, 0, 255, 0x4000}));
+    EXPECT_EQ(logged([&] { write(4242, "10.0.0.1:5330", op); }),
+              "debug: UDP_DEBUG: udpw: 33 bytes to 10.0.0.1:5330:\n" +
+                  dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) +
+                  dump("SLS:", want));
+    const unsigned char client[4] = {192, 168, 1, 7};  // address bytes as they lie
+    std::memcpy(&sb->slip_ipaddr_src, client, 4);
+    sb->slip_port_src = 5331, sb->slip_identification = 65535, udp->verbose = 0;
+    P k{"\xC0" "a\xDB" "b", 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255, 0x4000}, z = k;
+    z.id = 0;
+    for (const P &each : {k, zero_sum(z)}) {  // the id wraps; a UDP sum of 0 goes out as FFFF
+        ASSERT_EQ(write(4242, "10.0.0.1:5330", each.payload), 1);
+        want += slip(packet(each));
+    }
+    EXPECT_EQ(testutil::read_at_least(pty->master, want.size(), 5000), want);
+    EXPECT_EQ(sum(udp->bytes_written) + sum(udp->datarate), 2 * want.size());
+    errno = EAGAIN;  // stale: the failure below must not carry it
+    EXPECT_EQ(write(4242, "10.0.0.1:5330", std::string(2021, 'b')), -1);
+    EXPECT_EQ(registered(), "slip_sendto: payload of 2021 bytes exceeds 2020.\n"
+                            "udp_write: sendto(10.0.0.1:5330) error.\n");
+    long long t = testutil::now_ms();  // a silent line: 3 ms, a half-second pause, nothing kept
+    elog_log(0, "dropped by the time-out\n");
+    EXPECT_EQ(read(4242, -1.0), UDP_READ_TIMEOUT);
+    EXPECT_GE(testutil::now_ms() - t, 500);
+    EXPECT_EQ(registered(), "");
+    ASSERT_EQ(udp_setup_slip_with_flow(udp, "/dev/null", 9600, -1.0), 0);
+    EXPECT_EQ(std::to_string(udp->slip_buf->timeout) + std::to_string(udp->slip_buf->flow), "-11");
 }
 
-TEST_F(NetUdp, VerboseDumpsNeverInterleave) {
-    udp->verbose = 2;
-    udp->verbose_callback = collect;
-    lines.clear();
-    ASSERT_EQ(write(0, local(client_port), "0123456789:;<=>?@ABCDEFGHIJKLMNOP"), 1);
-    ASSERT_EQ(lines.size(), 3u);  // header, bytes 0x30 to 0x4F, byte 0x50
-    EXPECT_EQ(lines[0], "udpw: 33 bytes to " + local(client_port) + ":");
-    EXPECT_EQ(lines[1].substr(0, 15) + lines[1].substr(33, 9), "udpw:  30 31 32 39 3A 3B");
-    EXPECT_EQ(std::to_string(lines[1].size()) + lines[2], "102udpw:  50");
-    auto writer = [&](char fill) {
-        for (int i = 0; i < 50; i++) write(0, local(client_port), std::string(70, fill));
+// One stream of good frames among hostile bytes, fed whole at verbosity 0, byte by byte at 1
+// and in chunks at 2: the same datagrams come out, only complaints and dumps differ, and every
+// byte counts but those of frames abandoned (a bad escape, a 2049th byte).
+TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
+    Bytes first = packet({"first"}), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
+    bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff.replace(26, 2, "\xFF\xFF"), no_sum.replace(26, 2, 2, 0);
+    Bytes hdr60 = packet({"hdr60"}), big = packet({Bytes(2021, 'x')});
+    hdr60[0] = 0x4F;  // says 60 header bytes: unparsable
+    Bytes s = "noise\xC0x\xDB\x41\xC0\xC0";  // line noise, then a bad escape
+    for (const Bytes &f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, packet(zero_sum({})),
+                           packet({.payload = "opt", .opts = Bytes("\1\1\1\0", 4)}), hdr60, big,
+                           packet({Bytes(2020, 'y')}), packet({"last", 0x7F000001})})
+        s += slip(f);
+    const std::string src = "0 10.0.0.9:6330 ", kept = "kept till a dump writes it or a drop at 0\n";
+    const std::vector<std::string> want = {src + "first", src + "first", src + zero_sum({}).payload,
+                                           src + "opt", src + std::string(1024, 'y'), "0 127.0.0.1:6330 last"};
+    auto complaint = [&](const char *what, const Bytes &f, size_t at) {
+        return "warning: " + std::string(what) + " header checksum, " + word(f, at) +
+               ", does not match computed checksum, " + word(first, at) + ".\n" + dump("SLR:", f);
     };
-    { std::jthread a(writer, 'A'), b(writer, 'B'); }
-    ASSERT_EQ(lines.size(), 3 + 100u * 4);
-    for (size_t i = 3; i < lines.size(); i += 4) {
-        EXPECT_EQ(lines[i], "udpw: 70 bytes to " + local(client_port) + ":");
-        for (int k = 2; k < 4; k++) EXPECT_EQ(lines[i + k].substr(6, 3), lines[i + 1].substr(6, 3));
+    std::string complaints = complaint("ip", bad_ip, 10) + complaint("udp", bad_udp, 26) +
+                             complaint("udp", ffff, 26) + "warning: slip_recvfrom: udp_checksum() error.\n";
+    complaints.insert(complaints.find('\n') + 1, kept);  // the first dump writes what was registered
+    for (int mode = 0; mode < 3; mode++) {
+        line(mode, 5.0);
+        std::jthread writer([&] {
+            for (size_t i = 0, n; i < s.size(); i += n, usleep(n < 64 ? 200 : 0)) {
+                n = std::min(s.size() - i, mode == 0 ? s.size() : mode == 1 ? 1 : 1 + i * 7919 % 300);
+                testutil::write_all(pty->master, s.data() + i, n);
+            }
+        });
+        elog_log(0, "%s", kept.c_str());
+        std::vector<std::string> all;
+        std::string log = logged([&] {
+            while (all.size() < want.size() && (all.empty() || all.back()[0] == '0'))
+                all.push_back(std::to_string(read(0, -1.0)) + " " + from + " " + got);
+        });
+        EXPECT_EQ(all, want) << "mode " << mode;
+        EXPECT_EQ(registered(), "");
+        EXPECT_EQ(mode < 2 ? log : "", mode == 1 ? complaints : "");
+        EXPECT_TRUE(mode < 2 || log.find(dump("SLR:", first)) != std::string::npos);
+        EXPECT_EQ(sum(udp->bytes_read), s.size() - 3 - (slip(big).size() - 1));
     }
 }
 
-TEST_F(NetUdp, SlipEndpointOverPseudoTerminal) {
-    testutil::PtyPair pty;
-    ASSERT_EQ(udp_setup_slip(udp, pty.slave_path.c_str(), 19200, 1.0), 0);
-    // Opening makes the local port the frame's source port; the address stays all ones.
-    ASSERT_EQ(write(4242, "10.0.0.1:5330", "op"), 1);
-    // These 12 bytes hold no END and no ESC: they stand on the line as they are.
-    std::string addressing("\xFF\xFF\xFF\xFF\x0A\x00\x00\x01\x10\x92\x14\xD2", 12);
-    EXPECT_NE(testutil::read_for(pty.master, 300, 5000).find(addressing), std::string::npos);
-    // An empty payload is delivered, with its source text.
-    IPHdr ip{0x45, 0, 28, 0, 0, 64, 17, 0, 0x0A000009, 0x0A000001, {}};
-    UDPHdr u{6330, 4242, 8, 0};
-    unsigned char p[28], f[58];
-    ASSERT_EQ(ip_udp_packet(&ip, &u, nullptr, 0, p, 28), 28);
-    testutil::write_all(pty.master, f, slip_encode(p, 28, f));
-    got = "unset";
-    ASSERT_EQ(read(4242, -1.0), UDP_READ_OK);
-    EXPECT_EQ(got + " " + from, " 10.0.0.9:6330");
-    // A silent link: its 1 s time-out, then the half-second pause.
-    EXPECT_EQ(read(4242, -1.0), UDP_READ_TIMEOUT);
-    EXPECT_TRUE(took_ms >= 1300 && took_ms < 10000) << took_ms;
-    EXPECT_EQ(registered(), "");  // and leaves nothing registered
+TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
+    EXPECT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens, bound before anything is sent
+    int on[3] = {0, 0, (fcntl(udp->fd, F_GETFL) & O_NONBLOCK) != 0};
+    socklen_t len = sizeof(int);
+    getsockopt(udp->fd, SOL_SOCKET, SO_KEEPALIVE, &on[0], &len);
+    getsockopt(udp->fd, SOL_SOCKET, SO_BROADCAST, &on[1], &len);
+    EXPECT_EQ(on[0] + on[1] * 10 + on[2] * 100, 111);
+    testutil::udp_send_to(client, port, "to port");
+    ASSERT_EQ(read(port, 5.0), UDP_READ_OK);
+    EXPECT_EQ(got + " " + from, "to port " + me);
+    // Re-opened on p2; a destination is resolved once per new text, and a text that fails
+    // leaves the cached one as it was.
+    int p2 = testutil::free_udp_port(), reply_from = 0;
+    std::string by_name = "localhost:" + std::to_string(cport), huge(256, '1'), results, all;
+    for (std::string to : {me, me, by_name, std::string("x.invalid:5000"), by_name, huge, std::string("nopo")})
+        results += std::to_string(write(p2, to, to == me ? "a" : "b"));
+    EXPECT_EQ(results + " " + std::to_string(resolutions), "111-11-1-1 3");
+    EXPECT_EQ(registered(), "udp_setup_ipaddr: Can't locate server by name of 'x.invalid:5000'\n"
+                            "udp_write: udp_setup_ipaddr(x.invalid:5000) error.\n"
+                            "udp_write: destination '" + huge + "' longer than 255 characters.\n"
+                            "udp_setup_ipaddr: no port number in hostport argument 'nopo'.\n"
+                            "udp_write: udp_setup_ipaddr(nopo) error.\n");
+    while (testutil::udp_recv(client, &got, 300, &reply_from)) all += got;
+    EXPECT_EQ(all + " " + std::to_string(reply_from), "aabb " + std::to_string(p2));
+    udp_close(udp);
+    EXPECT_EQ(read(cport, -1.0), -2);  // the client's port is taken
+    EXPECT_EQ(registered(), "udp_open: bind() error. (Address already in use)\n"
+                            "udp_read: udp_open(" + std::to_string(cport) + ") error.\n");
+    char dev[64], to[256];  // setup_mode splits a device form and passes other text through
+    for (const char *arg : {"/dev/ttyS1:19200:q330:5330", "q330:5330", "/dev/ttyS1", "/dev/ttyS1:9600"})
+        all += std::to_string(setup_mode(arg, dev, 0, to)) + " " + dev + " " + to + "|";
+    EXPECT_EQ(all, "aabb0 /dev/ttyS1 q330:5330|0  q330:5330|-1  q330:5330|-1  q330:5330|");
+    EXPECT_EQ(registered(), "setup_mode: no baudrate number in hostport argument '/dev/ttyS1'.\n"
+                            "setup_mode: no hostport in argument '/dev/ttyS1:9600'.\n");
+}
+
+// Empty and oversize datagrams are dropped with a warning naming the sender, and reading goes
+// on; random drops both ways; every host datagram counts its bytes plus 42.
+TEST_F(NetUdp, DropsEmptyOversizeAndRandomDatagramsAndReadsOn) {
+    udp_set_verbose(udp, 1);
+    ASSERT_EQ(read(port, -1.0), UDP_READ_NOTHING);  // opens the port
+    for (const char *d : {"", "xxxxxxxxxxxxxxxxx", "", "yyyyyyyyyyyyyyyy", ""}) testutil::udp_send_to(client, port, d);
+    std::vector<int> results;
+    std::string log = logged([&] { errno = EAGAIN, results = {read(port, 5.0, 16), read(port, -1.0)}; });
+    EXPECT_EQ(results, std::vector<int>({UDP_READ_OK, UDP_READ_NOTHING}));
+    const std::string empty = "warning: udp_read: dropped an empty datagram from " + me + ".\n";
+    EXPECT_EQ(got + "\n" + log, "yyyyyyyyyyyyyyyy\n" + empty + "warning: udp_read: dropped a 17-byte datagram from " +
+                                    me + ", larger than the 16-byte buffer.\n" + empty + empty);
+    EXPECT_EQ(registered(), "");
+    udp->drop_packet_pcnt = 100;
+    EXPECT_EQ(logged([&] {
+        EXPECT_EQ(write(port, me, std::string(10, 'w')), 1);
+        testutil::udp_send_to(client, port, std::string(7, 'r'));
+        EXPECT_EQ(read(port, 0.5), UDP_READ_TIMEOUT);
+    }), "debug: UDP_DEBUG: Random drop packet on send\ndebug: UDP_DEBUG: Random drop packet on receive\n");
+    EXPECT_FALSE(testutil::udp_recv(client, &got, 300));
+    EXPECT_EQ(sum(udp->bytes_read), 17 + 16 + 7 + 6 * 42);
+    EXPECT_EQ(sum(udp->bytes_written), 10 + 42);
+    EXPECT_EQ(sum(udp->datarate), 40 + 10 + 7 * 42);
+}
+
+// The wait's slices (at most 300 s, 0.1 s shorter each round), what poll's answers mean, and
+// send failures: each message carries only the error text of its own call.
+TEST_F(NetUdp, WaitSlicesPollAnswersAndSendFailures) {
+    std::vector<int> slices;
+    fake_poll = [&](pollfd *, int msec) { return slices.push_back(msec), errno = EINTR, slices.size() < 3 ? 0 : -1; };
+    EXPECT_EQ(read(port, 1000.0), UDP_READ_INTR);
+    EXPECT_EQ(slices, std::vector<int>({300001, 299901, 299801}));
+    std::string answers;
+    for (auto [r, revents, err] : {std::tuple{1, POLLIN, 0}, {1, POLLRDNORM, 0}, {1, POLLRDBAND, 0},
+                                   {1, POLLPRI, 0}, {1, POLLHUP, EAGAIN}, {1, POLLNVAL, EAGAIN},
+                                   {0, 0, 0}, {-1, 0, EINTR}, {-1, 0, EAGAIN}, {-1, 0, ENOMEM}}) {
+        fake_poll = [=](pollfd *p, int) { return p->revents = short(revents), errno = err, r; };
+        int w = myfdwait(0, 5);
+        answers += std::to_string(w) + (errno ? "e " : " ");
+    }
+    EXPECT_EQ(answers, "0 0 0 0 -1 -1 1 2e 1e -1e ");
+    EXPECT_EQ(read(port, 1.0), -1);  // a failed poll, with its own error text
+    fake_poll = [](pollfd *p, int) { return p->revents = POLLHUP, errno = EAGAIN, 1; };
+    EXPECT_EQ(read(port, 1.0), -1);  // a hang-up: no failed call, no error text
+    EXPECT_EQ(registered(), "udp_read: myfdwait() error. (Cannot allocate memory)\nudp_read: myfdwait() error.\n");
+    for (auto [sent, err] : {std::pair{-1L, EINTR}, {-1L, EPERM}, {4L, EAGAIN}}) {
+        fake_sendto = [=](size_t) { return errno = err, sent; };
+        EXPECT_EQ(write(0, me, "seven b"), -1);
+    }
+    EXPECT_EQ(registered(), "udp_write: sendto(" + me + ") interrupted. (Interrupted system call)\n"
+                            "udp_write: sendto(" + me + ") error. (Operation not permitted)\n"
+                            "udp_write: sendto(" + me + ") short by 3 bytes.\n");
 }
