@@ -110,24 +110,24 @@ static int open_device(const char *dev) {
     return fd;
 }
 
+// Opens the device into fd; -1, with its message, when that fails.
+static int open_logged(SerialBuf *buf) {
+    buf->fd = open_device(buf->dev);
+    if (buf->fd >= 0) return 0;
+    elog_log(1, "serialbuf_open: open('%s') error.\n", shown(buf->dev));
+    return -1;
+}
+
 static int open_serial(SerialBuf *buf) {
     buf->state = 1;
     if (buf->fd >= 0) close(buf->fd);
-    buf->fd = open_device(buf->dev);
-    if (buf->fd < 0) {
-        elog_log(1, "serialbuf_open: open('%s') error.\n", shown(buf->dev));
-        return -1;
-    }
+    if (open_logged(buf) < 0) return -1;
     if (buf->modem_control == 2) serialbuf_hangup(buf->fd);
     // Re-opened after the hang-up so that the modem lines come up afresh; the
     // one-microsecond sleep only yields the processor.
     close(buf->fd);
     serialbuf_usleep(1);
-    buf->fd = open_device(buf->dev);
-    if (buf->fd < 0) {
-        elog_log(1, "serialbuf_open: open('%s') error.\n", shown(buf->dev));
-        return -1;
-    }
+    if (open_logged(buf) < 0) return -1;
     if (configure_line(buf) < 0) return -1;
     buf->state = 2;
     return 0;
@@ -143,6 +143,7 @@ static int open_tcpclient(SerialBuf *buf) {
     buf->fd = -1;
     std::uint32_t addr = 0;
     char dotted[64];
+    errno = 0;  // the look-up need not set it: no stale error text in the message
     if (!buf->ipaddr || name2ip(buf->ipaddr, &addr, dotted) != 0) {
         elog_log(1, "serialbuf_open: Can't locate server by name of '%s'\n", shown(buf->ipaddr));
         return -1;
