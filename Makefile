@@ -5,13 +5,15 @@
 #   make asan     the suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make tsan     the suite under ThreadSanitizer
 #   make fuzz     clang libFuzzer targets, each run briefly on its seed corpus
+#   make mutants  mutation testing of the suite (not in CI; up to an hour);
+#                 narrow it with MUTANTS='net/udp.cpp --all'
 
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 # The soak test runs longest under the sanitizers, where leaks and races show.
 SOAK_SECONDS ?= 120
 
-.PHONY: all build test asan tsan deps demo clean fuzz
+.PHONY: all build test asan tsan deps demo clean fuzz mutants
 
 all: build
 
@@ -56,8 +58,12 @@ fuzz: deps build-fuzz/build.ninja
 demo: deps build
 	scripts/demo
 
+MUTANTS ?=
+mutants: deps
+	scripts/mutants $(MUTANTS)
+
 clean:
-	rm -rf build build-asan build-tsan build-fuzz
+	rm -rf build build-asan build-tsan build-fuzz build-mutants
 
 # Deployment (tools: scripts/deps package):
 #   make install   the relay, the tools, man pages, example parameter file and
