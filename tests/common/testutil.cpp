@@ -112,6 +112,7 @@ Child::Child(const std::vector<std::string> &argv, const std::string &cwd) {
     std::string out_path = io.file("out"), err_path = io.file("err");
     if ((pid = fork()) != 0) return;
     setsid();
+    close_range(3, ~0U, 0);  // the test's own descriptors (a line's master end) stay the test's
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);

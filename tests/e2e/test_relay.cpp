@@ -397,6 +397,9 @@ TEST(Relay, FatalEnds) {
                                                "korvane: fatal: korvane_run_udp_read_thread: udp_read(" + p + ") error."}));
     close(holder);
     Relay cut({}, host_ports(1));
+    Client c;  // once the line carries a frame, it is open
+    udp_send_to(c.fd, cut.ports[0], "x");
+    ASSERT_EQ(cut.next().payload, "x");
     close(cut.line.master);
     cut.line.master = -1;
     EXPECT_EQ(cut.proc->wait_exit(5000), 1);
