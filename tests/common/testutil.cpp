@@ -44,12 +44,10 @@ TempDir::TempDir() {
     require(mkdtemp(tmpl) != nullptr, "mkdtemp");
     path = tmpl;
 }
-
 TempDir::~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(path, ec);
 }
-
 void TempDir::write(const std::string &name, const std::string &content) const {
     std::ofstream(file(name), std::ios::binary) << content;
 }
@@ -61,7 +59,6 @@ PtyPair::PtyPair() {
     struct termios t;  // raw bytes both ways: no echo, no line editing
     if (tcgetattr(slave, &t) == 0) cfmakeraw(&t), tcsetattr(slave, TCSANOW, &t);
 }
-
 PtyPair::~PtyPair() {
     if (master >= 0) close(master);
     if (slave >= 0) close(slave);
@@ -83,24 +80,17 @@ static bool read_some(int fd, std::string *out, long long wait_ms) {
     if (n > 0) out->append(buf, static_cast<size_t>(n));
     return n > 0;
 }
-
 std::string read_for(int fd, int quiet_ms, int total_ms) {
     std::string out;
     for (long long end = now_ms() + total_ms; now_ms() < end;)
         if (!read_some(fd, &out, std::min<long long>(quiet_ms, end - now_ms()))) break;
     return out;
 }
-
 std::string read_at_least(int fd, size_t n, int total_ms) {
     std::string out;
     for (long long end = now_ms() + total_ms; out.size() < n && now_ms() < end;)
         read_some(fd, &out, std::max(1LL, end - now_ms()));
     return out;
-}
-
-static std::string slurp(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
 }
 
 Child::Child(const std::vector<std::string> &argv, const std::string &cwd) {
@@ -112,23 +102,25 @@ Child::Child(const std::vector<std::string> &argv, const std::string &cwd) {
     std::string out_path = io.file("out"), err_path = io.file("err");
     if ((pid = fork()) != 0) return;
     setsid();
-    close_range(3, ~0U, 0);  // the test's own descriptors (a line's master end) stay the test's
+    close_range(3, ~0U, 0);  // a line's master end, say, stays the test's alone
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    // Default signal dispositions whatever the test did.
-    signal(SIGPIPE, SIG_DFL), signal(SIGALRM, SIG_DFL);
+    signal(SIGPIPE, SIG_DFL), signal(SIGALRM, SIG_DFL);  // whatever the test did
     sigset_t none;
     sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
     execv(args[0], args.data());
     _exit(127);
 }
-
 Child::~Child() { stop(SIGKILL); }
+
+static std::string slurp(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
 std::string Child::err() const { return slurp(io.file("err")); }
 std::string Child::out() const { return slurp(io.file("out")); }
-
 bool Child::wait_for_err(const std::string &text, int timeout_ms) const {
     return poll_until(timeout_ms, [&] { return err().find(text) != std::string::npos; });
 }
@@ -142,30 +134,27 @@ static int wait_pid(pid_t pid, int timeout_ms) {
     if (!poll_until(timeout_ms, [&] { return waitpid(pid, &st, WNOHANG) == pid; })) return -1;
     return WIFSIGNALED(st) ? 128 + WTERMSIG(st) : WEXITSTATUS(st);
 }
-
 int Child::stop(int sig) {
     if (pid <= 0) return -1;
     kill(pid, sig);
     int st = wait_pid(pid, 10000);
     if (st < 0 && kill(pid, SIGKILL) == 0) st = wait_pid(pid, 10000);
-    pid = -1;
-    return st;
+    return pid = -1, st;
 }
-
 int Child::wait_exit(int timeout_ms) {
     int st = pid > 0 ? wait_pid(pid, timeout_ms) : -1;
     if (st >= 0) pid = -1;
     return st;
 }
-
 long Child::rss_kib() const {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+        if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
     return -1;
 }
 
-RunResult run_program(const std::vector<std::string> &argv, const std::string &cwd, int timeout_ms) {
+RunResult run_program(const std::vector<std::string> &argv, const std::string &cwd,
+                      int timeout_ms) {
     Child c(argv, cwd);
     int status = c.wait_exit(timeout_ms);
     return {status < 0 ? c.stop(SIGKILL) : status, c.out(), c.err()};
@@ -175,11 +164,11 @@ std::vector<std::string> log_lines(const std::string &log) {
     static const std::regex stamp("^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}\\.[0-9]{3} ");
     std::vector<std::string> lines;
     std::istringstream in(log);
-    for (std::string line; std::getline(in, line);) lines.push_back(std::regex_replace(line, stamp, ""));
+    for (std::string l; std::getline(in, l);) lines.push_back(std::regex_replace(l, stamp, ""));
     return lines;
 }
 
-static sockaddr_in loopback(int port, in_addr_t host = INADDR_LOOPBACK) {
+static sockaddr_in address(std::uint32_t host, int port) {
     struct sockaddr_in a {};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(host);
@@ -187,30 +176,28 @@ static sockaddr_in loopback(int port, in_addr_t host = INADDR_LOOPBACK) {
     return a;
 }
 
-// A socket of type bound to port (0: an ephemeral one) of host; stores the port; -1 when taken.
-static int bound(int type, int *port, in_addr_t host = INADDR_LOOPBACK) {
+// A socket of type bound to host:port (0: an ephemeral one, stored); -1 when taken.
+static int bound(int type, int *port, std::uint32_t host = INADDR_LOOPBACK) {
     int fd = socket(AF_INET, type, 0);
-    struct sockaddr_in a = loopback(*port, host);
+    struct sockaddr_in a = address(host, *port);
     socklen_t len = sizeof a;
     if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) return close(fd), -1;
     require(getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0, "getsockname");
-    *port = ntohs(a.sin_port);
-    return fd;
+    return *port = ntohs(a.sin_port), fd;
 }
-
 static int free_port(int type) {
     int port = 0;
     return close(bound(type, &port)), port;
 }
 int free_udp_port() { return free_port(SOCK_DGRAM); }
 int free_tcp_port() { return free_port(SOCK_STREAM); }
+int udp_socket_at(std::uint32_t host, int port) { return bound(SOCK_DGRAM, &port, host); }
 
 int fixed_udp_port(int lo, int hi) {
     static std::set<int> given;
-    for (int i = 0, span = hi - lo + 1, start = static_cast<int>(getpid() * 7919L % span); i < span; i++) {
-        int port = lo + (start + i) % span, fd = bound(SOCK_DGRAM, &port, INADDR_ANY);
-        if (fd >= 0) close(fd);
-        if (fd >= 0 && given.insert(port).second) return port;
+    for (int i = 0, span = hi - lo + 1, start = getpid() * 7919L % span; i < span; i++) {
+        int port = lo + (start + i) % span, fd = udp_socket_at(INADDR_ANY, port);
+        if (fd >= 0 && close(fd) == 0 && given.insert(port).second) return port;
     }
     throw std::runtime_error("no free UDP port");
 }
@@ -218,17 +205,14 @@ int fixed_udp_port(int lo, int hi) {
 int udp_socket_loopback(int *port) {
     *port = 0;
     int fd = bound(SOCK_DGRAM, port);
-    require(fd >= 0, "bind to 127.0.0.1");
-    return fd;
+    return require(fd >= 0, "bind to 127.0.0.1"), fd;
 }
 
-int udp_socket_at(std::uint32_t host, int port) { return bound(SOCK_DGRAM, &port, host); }
-
 void udp_send_to(int fd, int port, const std::string &payload) {
-    struct sockaddr_in a = loopback(port);
-    require(sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof a) ==
-                static_cast<ssize_t>(payload.size()),
-            "sendto");
+    struct sockaddr_in a = address(INADDR_LOOPBACK, port);
+    ssize_t n = sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr *>(&a),
+                       sizeof a);
+    require(n == static_cast<ssize_t>(payload.size()), "sendto");
 }
 
 bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port) {
@@ -236,11 +220,11 @@ bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port) {
     char buf[65536];
     struct sockaddr_in a {};
     socklen_t len = sizeof a;
-    ssize_t n = poll(&p, 1, timeout_ms) > 0 ? recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&a), &len) : -1;
-    if (n < 0) return false;
-    payload->assign(buf, static_cast<size_t>(n));
-    if (from_port) *from_port = ntohs(a.sin_port);
-    return true;
+    if (poll(&p, 1, timeout_ms) <= 0) return false;
+    ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&a), &len);
+    if (n >= 0) payload->assign(buf, static_cast<size_t>(n));
+    if (n >= 0 && from_port) *from_port = ntohs(a.sin_port);
+    return n >= 0;
 }
 
 bool wait_udp_bound(int port, int timeout_ms, pid_t pid) {
@@ -249,11 +233,9 @@ bool wait_udp_bound(int port, int timeout_ms, pid_t pid) {
     std::string table = "/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/net/udp";
     return poll_until(timeout_ms, [&] {
         std::ifstream f(table);
-        for (std::string row, slot, local; std::getline(f, row);) {
-            std::istringstream(row) >> slot >> local;  // only the local address counts
-            if (local.ends_with(suffix)) return true;
-        }
-        return false;
+        for (std::string row, slot, local; std::getline(f, row);)
+            if (std::istringstream(row) >> slot >> local && local.ends_with(suffix)) return true;
+        return false;  // only the local address counted
     });
 }
 
@@ -278,8 +260,8 @@ static std::string pseudo(std::uint32_t src, std::uint32_t dst, const std::strin
 
 std::string datagram_packet(const Datagram &d) {
     unsigned n = static_cast<unsigned>(d.payload.size());
-    std::string ip = be16(0x4500) + be16(28 + n) + be16(d.id) + be16(d.frag) + be16(d.ttl << 8 | 17) +
-                     be16(0) + be32(d.src) + be32(d.dst);
+    std::string ip = be16(0x4500) + be16(28 + n) + be16(d.id) + be16(d.frag) +
+                     be16(d.ttl << 8 | 17) + be16(0) + be32(d.src) + be32(d.dst);
     std::string udp = be16(d.sport) + be16(d.dport) + be16(8 + n) + be16(0) + d.payload;
     unsigned sum = inet_checksum(pseudo(d.src, d.dst, udp));
     return ip.replace(10, 2, be16(inet_checksum(ip))) + udp.replace(6, 2, be16(sum ? sum : 0xffff));

@@ -32,13 +32,14 @@ struct PtyPair {
 
 // Writes all of data to fd (loops over short writes).
 void write_all(int fd, const void *data, size_t n);
-// Reads what arrives on fd until quiet_ms pass with nothing new or total_ms pass.
+// What arrives on fd until quiet_ms pass with nothing new or total_ms pass.
 std::string read_for(int fd, int quiet_ms, int total_ms);
-// Reads until at least n bytes arrived or total_ms passed.
+// What arrives on fd until there are n bytes or total_ms passed.
 std::string read_at_least(int fd, size_t n, int total_ms);
 
 // A program in the background, in a session of its own (as under a service
-// manager), its output in files; killed and reaped on destruction.
+// manager) and with none of the test's descriptors, its output in files;
+// killed and reaped on destruction.
 struct Child {
     pid_t pid = -1;
     TempDir io;
@@ -63,7 +64,6 @@ struct RunResult {
 };
 RunResult run_program(const std::vector<std::string> &argv, const std::string &cwd,
                       int timeout_ms = 30000);
-
 // The lines of a log with each "YYYY-MM-DD HH:MM:SS.mmm " time stamp removed.
 std::vector<std::string> log_lines(const std::string &log);
 
@@ -73,9 +73,9 @@ int free_tcp_port();
 // For programs that bind a given port: one in [lo, hi] free a moment ago,
 // never the same twice in a process, its search starting at a point set by the pid.
 int fixed_udp_port(int lo = 10000, int hi = 32767);
-// A UDP socket bound to an ephemeral port of 127.0.0.1 (stored in *port).
+// A UDP socket bound to an ephemeral port of 127.0.0.1 (stored in *port),
+// or to host:port (a host-order address; -1 when taken).
 int udp_socket_loopback(int *port);
-// A UDP socket bound to host:port (host-order address); -1 when taken.
 int udp_socket_at(std::uint32_t host, int port);
 // Sends one datagram to 127.0.0.1:port.
 void udp_send_to(int fd, int port, const std::string &payload);
@@ -84,7 +84,6 @@ bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port = nul
 // Waits until a UDP socket is bound to port in pid's (0: this process's)
 // network namespace; read from /proc, so the check never takes the port.
 bool wait_udp_bound(int port, int timeout_ms, pid_t pid = 0);
-
 // Milliseconds on a monotonic clock.
 long long now_ms();
 

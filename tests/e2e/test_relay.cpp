@@ -1,6 +1,6 @@
-// The real korvane, judged by its exit status and whole log: against command
-// lines and parameter files, and between loopback UDP clients and a
-// pseudo-terminal on which the test plays the datalogger with the RFC-only codec.
+// The real korvane judged by its exit status and whole log: against command
+// lines and parameter files, and between loopback UDP clients and a pseudo-
+// terminal on which the test plays the datalogger with the RFC-only codec.
 #include <arpa/inet.h>
 #include <signal.h>
 #include <termios.h>
@@ -17,63 +17,67 @@
 #include "testutil.h"
 
 using namespace testutil;
-using Lines = std::vector<std::string>;
-using Edits = std::map<std::string, std::string>;
+using S = std::string;
+using Lines = std::vector<S>;
+using Edits = std::map<S, S>;
 
 namespace {
 
 constexpr std::uint32_t kLogger = 0xC0A80132, kLoopback = 0x7F000001;  // 192.168.1.50, 127.0.0.1
-const std::string kBin = KORVANE_BUILD_DIR "/korvane";
-const std::string kBanner = "korvane: " + kBin + " : $Revision: 1.12 $ $Date: 2006/10/19 17:36:59 $";
-const std::string kFatal = "korvane: fatal: Parameter file parsing error.";
-const std::string kUsage = "usage: korvane [-v] [-help] [template]";
-// A relay that gets past its configuration ends at its first read of this line.
-const std::string kNoTty = "/nonexistent/korvane-tty";
-const Lines kNoTtyEnd = {
-    "korvane: serialbuf_open: open('" + kNoTty + "') error. (No such file or directory)",
-    "korvane: udp_open: serialbuf_open() error. (No such file or directory)",
-    "korvane: udp_read: udp_open(0) error.",
-    "korvane: fatal: korvane_run_q330_read_thread: udp_read() error."};
+const S kBin = KORVANE_BUILD_DIR "/korvane", kNoTty = "/nonexistent/korvane-tty";
+const S kBanner = kBin + " : $Revision: 1.12 $ $Date: 2006/10/19 17:36:59 $";
+const S kFatal = "fatal: Parameter file parsing error.";
+const S kUsage = "usage: korvane [-v] [-help] [template]";
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;  // the resident set then holds shadow memory and quarantine
 #else
 constexpr bool kSanitized = false;
 #endif
 
+Lines operator+(Lines a, const Lines &b) { return a.insert(a.end(), b.begin(), b.end()), a; }
+
+// A relay past its configuration on kNoTty ends at its first read of the line.
+const Lines kNoTtyEnd = {
+    "serialbuf_open: open('" + kNoTty + "') error. (No such file or directory)",
+    "udp_open: serialbuf_open() error. (No such file or directory)", "udp_read: udp_open(0) error.",
+    "fatal: korvane_run_q330_read_thread: udp_read() error."};
+
 // A template block; edits replace lines by name, and "-" leaves one out.
-std::string block(const std::string &name, Edits lines) {
+S block(const S &name, Edits lines) {
     lines.insert({{"mode", "slip"}, {"device", kNoTty}, {"baud", "19200"}, {"flow", "none"},
                   {"q330_ip_address", "192.168.1.50"}, {"port_translations", "{\n}"}});
-    std::string s = name + " {\n";
-    for (const auto &[key, value] : lines)
-        if (value != "-") s += key + " " + value + "\n";
+    S s = name + " {\n";
+    for (const auto &[key, value] : lines) s += value == "-" ? "" : key + " " + value + "\n";
     return s + "}\n";
 }
 
-// The banner and the summary of -v for a block, its translations in order.
+// The banner and the summary of -v for a block, its translations given in order.
 Lines summary(Edits b, const Lines &xlat) {
     Lines s = {kBanner};
-    b.insert({{"mode", "slip"}, {"device", kNoTty}, {"baud", "19200"}, {"q330_ip_address", "192.168.1.50"}});
-    for (std::string key : {"template", "mode", "device", "baud", "q330_ip_address"})
-        s.push_back("korvane: " + key + std::string(18 - key.size(), ' ') + "= " + b[key]);
-    for (const std::string &x : xlat) s.push_back("korvane: " + std::string(s.size() == 6 ? "port_translations = " : "                    ") + x);
+    b.insert({{"template", "default"}, {"mode", "slip"}, {"device", kNoTty}, {"baud", "19200"},
+              {"q330_ip_address", "192.168.1.50"}});
+    for (S key : {"template", "mode", "device", "baud", "q330_ip_address"})
+        s.push_back(key + S(18 - key.size(), ' ') + "= " + b[key]);
+    for (const S &x : xlat) s.push_back((s.size() == 6 ? "port_translations = " : S(20, ' ')) + x);
     return s;
 }
 
-// The log without time stamps and without the thread start lines, whose
+// The log without time stamps, program name or thread start lines, whose
 // order is the scheduler's: those go to *starts, sorted.
-Lines log_of(const std::string &err, Lines *starts = nullptr) {
+Lines log_of(const S &err, Lines *starts = nullptr) {
     Lines log, started;
-    for (const std::string &l : log_lines(err)) (l.ends_with(": Starting...") ? started : log).push_back(l);
+    for (S l : log_lines(err)) {
+        if (l.starts_with("korvane: ")) l.erase(0, 9);
+        (l.ends_with(": Starting...") ? started : log).push_back(l);
+    }
     std::sort(started.begin(), started.end());
-    if (starts) *starts = started;
-    return log;
+    return starts ? *starts = started, log : log;
 }
 
 // n host ports for a relay, the first one below 10000.
 std::vector<int> host_ports(int n) {
     std::vector<int> ports;
-    for (int i = 0; i < n; i++) ports.push_back(i == 0 ? fixed_udp_port(1024, 9999) : fixed_udp_port());
+    for (int i = 0; i < n; i++) ports.push_back(i ? fixed_udp_port() : fixed_udp_port(1024, 9999));
     return ports;
 }
 
@@ -85,41 +89,40 @@ struct Relay {
     std::vector<int> ports;
     std::unique_ptr<Child> proc;
     SlipReader reader;
-    std::deque<std::string> frames;
+    std::deque<S> frames;
 
     explicit Relay(Lines args, std::vector<int> host = host_ports(2)) : ports(host) {
-        std::string xlat = "{\n";
-        for (size_t i = 0; i < ports.size(); i++) xlat += std::to_string(ports[i]) + " " + std::to_string(5330 + 1000 * i) + "\n";
-        dir.write("korvane.pf", block("default", {{"device", line.slave_path}, {"baud", "115200"}, {"port_translations", xlat + "}"}}));
-        args.insert(args.begin(), kBin);
-        proc = std::make_unique<Child>(args, dir.path);
+        S xlat = "{\n";
+        for (size_t i = 0; i < ports.size(); i++)
+            xlat += std::to_string(ports[i]) + " " + std::to_string(5330 + 1000 * i) + "\n";
+        dir.write("korvane.pf", block("default", {{"device", line.slave_path}, {"baud", "115200"},
+                                                  {"port_translations", xlat + "}"}}));
+        proc = std::make_unique<Child>(Lines{kBin} + args, dir.path);
         for (int port : ports) EXPECT_TRUE(wait_udp_bound(port, 10000)) << port;
     }
-    // The next frame off the line; its payload is "<refused>" when it fails a
-    // check, "<none>" when nothing came in time.
+    // The next frame off the line: "<refused>" when it fails a check, "<none>" when none came.
     Datagram next(int timeout_ms = 10000) {
         for (long long end = now_ms() + timeout_ms; frames.empty() && now_ms() < end;)
-            for (std::string &f : reader.feed(read_for(line.master, 20, 200))) frames.push_back(f);
+            for (S &f : reader.feed(read_for(line.master, 20, 200))) frames.push_back(f);
         Datagram d;
         if (frames.empty()) return d.payload = "<none>", d;
         if (!datagram_parse(frames.front(), &d)) d.payload = "<refused>";
-        frames.pop_front();
-        return d;
+        return frames.pop_front(), d;
     }
-    void write(const std::string &bytes) { write_all(line.master, bytes.data(), bytes.size()); }
+    void write(const S &bytes) { write_all(line.master, bytes.data(), bytes.size()); }
     // A datagram from the datalogger's port sport to dst:dport.
-    void send(std::uint32_t dst, std::uint16_t dport, const std::string &payload, std::uint16_t sport = 5330) {
-        write(slip_frame(datagram_packet({kLogger, dst, sport, dport, 7, 0, 64, payload})));
+    void send(std::uint32_t dst, std::uint16_t dport, const S &data, std::uint16_t sport = 5330) {
+        write(slip_frame(datagram_packet({kLogger, dst, sport, dport, 7, 0, 64, data})));
     }
-    void reply(const Datagram &to, const std::string &payload) { send(to.src, to.sport, payload, to.dport); }
+    void reply(const Datagram &to, const S &payload) { send(to.src, to.sport, payload, to.dport); }
 };
 
 // A UDP client on 127.0.0.1, closed with its scope.
 struct Client {
     int port = 0, fd = udp_socket_loopback(&port);
     ~Client() { close(fd); }
-    std::string recv(int timeout_ms = 5000, int *from = nullptr) {
-        std::string got;
+    S recv(int timeout_ms = 5000, int *from = nullptr) {
+        S got;
         return udp_recv(fd, &got, timeout_ms, from) ? got : "<none>";
     }
 };
@@ -128,58 +131,64 @@ struct Client {
 // read as a host-order number, exchanged on a little-endian host.
 std::uint16_t line_port(int port) { return htons(static_cast<std::uint16_t>(port)); }
 
-// "PREFIX xx xx ..." lines of 32 bytes, then PREFIX alone.
-Lines dump(const std::string &prefix, const std::string &bytes) {
+// "PREFIX xx xx ..." lines of 32 bytes, then the prefix alone.
+Lines dump(const S &prefix, const S &bytes) {
     Lines out;
+    char hex[4];
     for (size_t i = 0; i < bytes.size(); i++) {
-        char hex[4];
+        if (i % 32 == 0) out.push_back(prefix);
         snprintf(hex, sizeof hex, " %02x", static_cast<unsigned char>(bytes[i]));
-        if (i % 32 == 0) out.push_back("korvane: " + prefix);
         out.back() += hex;
     }
-    out.push_back("korvane: " + prefix);
-    return out;
+    return out + Lines{prefix};
 }
 
 }  // namespace
 
 TEST(Relay, CommandLineAndParameterBlock) {
     // Host ports that sort as text the other way round from their numbers.
-    const std::string low = std::to_string(fixed_udp_port(5000, 9999)), high = std::to_string(fixed_udp_port());
-    const Edits both = {{"port_translations", "{\n" + low + " 5330\n" + high + " 5330\n}"}};
-    const Lines both_lines = {high + " -> 5330", low + " -> 5330"};
+    const S low = std::to_string(fixed_udp_port(5000, 9999));
+    const S high = std::to_string(fixed_udp_port());
+    const Edits two = {{"port_translations", "{\n" + low + " 5330\n" + high + " 5330\n}"}};
+    const Lines two_rows = {high + " -> 5330", low + " -> 5330"};
     // "address:port" toward the datalogger must fit 127 characters.
-    const std::string fits = std::string(114, '0') + "12.9.8.7", too_long = "00" + fits;
-    auto with = [&](Edits e) { return e.insert(both.begin(), both.end()), e; };
-    auto ends = [](Lines log, const Lines &end) { return log.insert(log.end(), end.begin(), end.end()), log; };
-    auto refused = [&](Edits e, const Lines &why) { return std::tuple(Lines{}, with(e), ends({kBanner}, ends(why, {kFatal}))); };
-    auto missing = [&](std::string key, std::string value = "-") {
-        return refused({{key, value}}, {"korvane: parse_param: '" + key + "' " + (value == "-" ? "is missing" : "is not an integer: '" + value + "'"),
-                                        "korvane: parse_pf: parse_param(default->" + key + ") error."});
+    const S fits = S(114, '0') + "12.9.8.7", too_long = "00" + fits;
+    auto with = [&](Edits e) { return e.insert(two.begin(), two.end()), e; };
+    auto refused = [&](Edits e, const S &why) {
+        return std::tuple(Lines{}, with(e), Lines{kBanner, "parse_pf: " + why, kFatal});
     };
-    auto illegal = [&](std::string side, std::string text, std::string rows) {
-        return refused({{"port_translations", "{\n" + rows + "}"}},
-                       {"korvane: parse_pf: Illegal " + side + " port number '" + text + "' in default->port_translations array."});
+    auto missing = [&](const S &key, const S &value = "-") {
+        auto c = refused({{key, value}}, "parse_param(default->" + key + ") error.");
+        std::get<2>(c).insert(std::get<2>(c).begin() + 1, "parse_param: '" + key + "' " +
+                              (value == "-" ? "is missing" : "is not an integer: '" + value + "'"));
+        return c;
     };
-    auto unrecognized = [&](Lines args, std::string what) {
-        return std::tuple(args, both, Lines{kBanner, "korvane: warning: Unrecognized " + what + ".", kUsage});
+    auto illegal = [&](const S &side, const S &text, const S &rows) {
+        return refused({{"port_translations", "{\n" + rows + "}"}}, "Illegal " + side +
+                       " port number '" + text + "' in default->port_translations array.");
+    };
+    auto unknown = [&](Lines args, const S &what) {
+        return std::tuple(args, two, Lines{kBanner, "warning: Unrecognized " + what + ".", kUsage});
     };
     const std::vector<std::tuple<Lines, Edits, Lines>> cases = {
         // No flow line is as good as "none", and so are "rtscts" and no translations at all.
-        {{"-v"}, with({{"flow", "-"}}), ends(summary({{"template", "default"}}, both_lines), kNoTtyEnd)},
-        {{"-vvv", "-v"}, {{"flow", "rtscts"}}, ends(summary({{"template", "default"}}, {}), kNoTtyEnd)},
-        {{}, both, ends({kBanner}, kNoTtyEnd)},
-        {{"-v", "other"}, both, ends(summary({{"template", "other"}, {"q330_ip_address", "10.9.8.7"}}, both_lines), kNoTtyEnd)},
-        unrecognized({"other", "-v"}, "command argument 'other'"),
-        unrecognized({"-vvvv"}, "option '-vvvv'"),
-        unrecognized({"-V"}, "option '-V'"),
-        unrecognized({"-v", "-"}, "option '-'"),
-        {{"-v", "nosuch"}, both, {kBanner, "korvane: parse_param: 'nosuch' is missing", "korvane: parse_pf: parse_param(nosuch) error.", kFatal}},
-        refused({{"mode", "SLIP"}}, {"korvane: parse_pf: Unrecognized default->mode = 'SLIP'."}),
+        {{"-v"}, with({{"flow", "-"}}), summary({}, two_rows) + kNoTtyEnd},
+        {{"-vvv", "-v"}, {{"flow", "rtscts"}}, summary({}, {}) + kNoTtyEnd},
+        {{}, two, Lines{kBanner} + kNoTtyEnd},
+        {{"-v", "other"}, two,
+         summary({{"template", "other"}, {"q330_ip_address", "10.9.8.7"}}, two_rows) + kNoTtyEnd},
+        unknown({"other", "-v"}, "command argument 'other'"),
+        unknown({"-vvvv"}, "option '-vvvv'"),
+        unknown({"-V"}, "option '-V'"),
+        unknown({"-v", "-"}, "option '-'"),
+        {{"-v", "nosuch"}, two,
+         {kBanner, "parse_param: 'nosuch' is missing", "parse_pf: parse_param(nosuch) error.",
+          kFatal}},
+        refused({{"mode", "SLIP"}}, "Unrecognized default->mode = 'SLIP'."),
         missing("mode"),
         missing("device"),
         missing("baud", "fast"),
-        refused({{"flow", "RTSCTS"}}, {"korvane: parse_pf: parse_param(default->flow) 'RTSCTS' unrecognized."}),
+        refused({{"flow", "RTSCTS"}}, "parse_param(default->flow) 'RTSCTS' unrecognized."),
         missing("q330_ip_address"),
         missing("port_translations"),
         illegal("host", "65536", "65536 5330\n"),
@@ -190,34 +199,35 @@ TEST(Relay, CommandLineAndParameterBlock) {
         illegal("host", "99", "99 65536\n"),  // both bad: only the host port is named
         // The limits are legal, and junk after a number is ignored.
         {{"-v"}, {{"port_translations", "{\n" + high + " 100\n" + low + "x 65535\n}"}},
-         ends(summary({{"template", "default"}}, {high + " -> 100", low + " -> 65535"}), kNoTtyEnd)},
-        {{"-v"}, with({{"q330_ip_address", fits}}), ends(summary({{"template", "default"}, {"q330_ip_address", fits}}, both_lines), kNoTtyEnd)},
-        refused({{"q330_ip_address", too_long}}, {"korvane: parse_pf: default->q330_ip_address '" + too_long + ":5330' is longer than 127 characters."}),
+         summary({}, {high + " -> 100", low + " -> 65535"}) + kNoTtyEnd},
+        {{"-v"}, with({{"q330_ip_address", fits}}),
+         summary({{"q330_ip_address", fits}}, two_rows) + kNoTtyEnd},
+        refused({{"q330_ip_address", too_long}},
+                "default->q330_ip_address '" + too_long + ":5330' is longer than 127 characters."),
     };
-    TempDir dir;
+    TempDir dir, empty;
     for (auto &[args, edits, log] : cases) {
-        dir.write("korvane.pf", block("default", edits) + block("other", with({{"q330_ip_address", "10.9.8.7"}})));
-        Lines argv = {kBin};
-        argv.insert(argv.end(), args.begin(), args.end());
-        RunResult r = run_program(argv, dir.path, 20000);
+        S other = block("other", with({{"q330_ip_address", "10.9.8.7"}}));
+        dir.write("korvane.pf", block("default", edits) + other);
+        RunResult r = run_program(Lines{kBin} + args, dir.path, 20000);
         EXPECT_EQ(r.status, 1) << testing::PrintToString(args);
         EXPECT_EQ(log_of(r.err), log) << testing::PrintToString(edits);
     }
     // -help needs no parameter file, and ends well.
-    TempDir empty;
     RunResult r = run_program({kBin, "-vv", "-help", "-bogus"}, empty.path);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(log_of(r.err), (Lines{kBanner, kUsage}));
+    EXPECT_EQ(std::pair(r.status, log_of(r.err)), std::pair(0, Lines{kBanner, kUsage}));
     if (access("/etc/korvane.pf", F_OK) == 0) GTEST_SKIP() << "/etc/korvane.pf exists here";
-    r = run_program({kBin, "-v"}, empty.path);
-    EXPECT_EQ(log_of(r.err), (Lines{kBanner, "korvane: pfread: no parameter file for 'korvane': tried ./korvane.pf, /etc/korvane.pf",
-                                   "korvane: parse_pf: pfread('korvane') error.", kFatal}));
+    EXPECT_EQ(log_of(run_program({kBin, "-v"}, empty.path).err),
+              (Lines{kBanner,
+                     "pfread: no parameter file for 'korvane': tried ./korvane.pf, /etc/korvane.pf",
+                     "parse_pf: pfread('korvane') error.", kFatal}));
 }
 
 // Each level's whole log for one exchange; options do not add up, the last wins.
 TEST(Relay, EachLevelWritesItsWholeLog) {
-    const std::string ask = std::string(32, '\xab') + "\x01", answer = "\x10";
-    for (auto [args, level] : std::vector<std::pair<Lines, int>>{{{}, 0}, {{"-vv", "-v"}, 1}, {{"-vvv", "-vv"}, 2}, {{"-v", "-vvv"}, 3}}) {
+    const S ask = S(32, '\xab') + "\x01", answer = "\x10";
+    for (auto [args, level] : std::vector<std::pair<Lines, int>>{
+             {{}, 0}, {{"-vv", "-v"}, 1}, {{"-vvv", "-vv"}, 2}, {{"-v", "-vvv"}, 3}}) {
         Relay r(args);
         Client c;
         udp_send_to(c.fd, r.ports[0], ask);
@@ -227,33 +237,32 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
         ASSERT_EQ(c.recv(), answer);
         char host[8];
         snprintf(host, sizeof host, "%05d", r.ports[0]);
-        std::string cl = "127.0.0.1:" + std::to_string(c.port);
-        Lines want = {kBanner}, started = {"q330_read_thread", "q330_write_thread"}, starts, endpoint;
+        S cl = "127.0.0.1:" + std::to_string(c.port), p0 = std::to_string(r.ports[0]);
+        S p1 = std::to_string(r.ports[1]);
+        Lines want = {kBanner}, started = {"q330_read_thread", "q330_write_thread"}, starts, own;
         // The summary lists the host ports in ascending text order.
-        std::map<std::string, int> xlat = {{std::to_string(r.ports[0]), 5330}, {std::to_string(r.ports[1]), 6330}};
-        Lines rows;
-        for (auto &[port, q330] : xlat) rows.push_back(port + " -> " + std::to_string(q330));
-        if (level > 0) want = summary({{"template", "default"}, {"device", r.line.slave_path}, {"baud", "115200"}}, rows);
-        for (int port : r.ports)
-            for (std::string kind : {"read", "write"}) started.push_back("udp_" + kind + "_thread(" + std::to_string(port) + ")");
-        for (std::string &s : started) s = "korvane: korvane_run_" + s + ": Starting...";
+        Lines rows = {p0 + " -> 5330", p1 + " -> 6330"};
+        if (p1 < p0) std::swap(rows[0], rows[1]);
+        if (level > 0) want = summary({{"device", r.line.slave_path}, {"baud", "115200"}}, rows);
+        for (S t : {"udp_read_thread(", "udp_write_thread("})
+            started = started + Lines{t + p0 + ")", t + p1 + ")"};
+        for (S &s : started) s = "korvane_run_" + s + ": Starting...";
         std::sort(started.begin(), started.end());
-        for (auto [header, prefix, bytes] : std::vector<std::array<std::string, 3>>{
-                 {"URD:" + cl + "->" + host + ":", "URD:", ask}, {"QWR:" + cl + "->192.168.1.50:5330:", "QWR:", ask},
-                 {"QRD:192.168.1.50:5330->" + cl + ":", "QRD:", answer}, {"UWR:" + std::string(host) + "->" + cl + ":", "UWR:", answer}}) {
-            if (level < 2) break;
-            want.push_back("korvane: " + header);
-            for (const std::string &l : dump(prefix, bytes)) want.push_back(l);
-        }
+        for (auto [header, bytes] : std::vector<std::array<S, 2>>{
+                 {"URD:" + cl + "->" + host + ":", ask},
+                 {"QWR:" + cl + "->192.168.1.50:5330:", ask},
+                 {"QRD:192.168.1.50:5330->" + cl + ":", answer},
+                 {"UWR:" + S(host) + "->" + cl + ":", answer}})
+            if (level > 1) want = want + Lines{header} + dump(header.substr(0, 4), bytes);
         // The endpoints' own dumps and the frame dumps of level 3 come among the others.
         Lines log = log_of(r.proc->err(), &starts);
-        std::erase_if(log, [&](const std::string &l) {
-            bool own = l.find(" debug: ") < l.size() || l.starts_with("korvane: SLS:") || l.starts_with("korvane: SLR:");
-            return own && (endpoint.push_back(l), true);
+        std::erase_if(log, [&](const S &l) {
+            bool mine = l.starts_with("debug: ") || l.starts_with("SLS:") || l.starts_with("SLR:");
+            return mine && (own.push_back(l), true);
         });
         EXPECT_EQ(log, want) << level;
         EXPECT_EQ(starts, level > 0 ? started : Lines{}) << level;
-        EXPECT_EQ(endpoint.empty(), level < 3) << level;
+        EXPECT_EQ(own.empty(), level < 3) << level;
     }
 }
 
@@ -262,19 +271,20 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
 TEST(Relay, RepliesFollowEachClientsLastPort) {
     Relay r({"-vv"});
     Client c1, c2;
-    std::string big(1024, '\0');
+    S big(1024, '\0');
     for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
     // END and ESC pass whole; identification counts up by one per frame.
-    const std::vector<std::pair<Client *, std::string>> sent = {
-        {&c1, "ask 1"}, {&c2, "ask 2"}, {&c1, std::string("\xC0\xDB\xC0 x \xDB", 6)}, {&c1, big}, {&c1, "to B"}};
+    const std::vector<std::pair<Client *, S>> sent = {
+        {&c1, "ask 1"}, {&c2, "ask 2"}, {&c1, S("\xC0\xDB\xC0 x \xDB", 6)}, {&c1, big},
+        {&c1, "to B"}};
     Datagram d;
     for (size_t i = 0; i < sent.size(); i++) {
-        std::uint16_t id = d.id;
+        std::uint16_t id = d.id, q330 = i < 4 ? 5330 : 6330;
         udp_send_to(sent[i].first->fd, r.ports[i < 4 ? 0 : 1], sent[i].second);
         d = r.next();
         EXPECT_EQ(d.payload, sent[i].second);
         EXPECT_EQ(std::tuple(d.src, d.dst, d.sport, d.dport, d.frag, d.ttl),
-                  std::tuple(kLoopback, kLogger, line_port(sent[i].first->port), std::uint16_t(i < 4 ? 5330 : 6330),
+                  std::tuple(kLoopback, kLogger, line_port(sent[i].first->port), q330,
                              std::uint16_t(0x4000), std::uint8_t(255)));
         EXPECT_TRUE(i == 0 || d.id == std::uint16_t(id + 1)) << d.id << " after " << id;
     }
@@ -282,11 +292,9 @@ TEST(Relay, RepliesFollowEachClientsLastPort) {
     r.send(kLoopback, line_port(c2.port), "for c2");
     r.send(0x0A010203, line_port(999), "nobody");
     r.reply(d, "for c1");
-    int from = 0;
-    EXPECT_EQ(c2.recv(5000, &from), "for c2");
-    EXPECT_EQ(from, r.ports[0]);
-    EXPECT_EQ(c1.recv(5000, &from), "for c1");
-    EXPECT_EQ(from, r.ports[1]);
+    int from1 = 0, from2 = 0;
+    EXPECT_EQ(std::pair(c2.recv(5000, &from2), from2), std::pair(S("for c2"), r.ports[0]));
+    EXPECT_EQ(std::pair(c1.recv(5000, &from1), from1), std::pair(S("for c1"), r.ports[1]));
     EXPECT_EQ(c2.recv(0), "<none>");
     // Dumped all the same, before it was found to have no route.
     EXPECT_TRUE(r.proc->wait_for_err("QRD:192.168.1.50:5330->10.1.2.3:999:\n", 5000));
@@ -296,23 +304,24 @@ TEST(Relay, RepliesFollowEachClientsLastPort) {
 TEST(Relay, EmptyAndOversizeDatagramsAreDropped) {
     Relay r({"-v"});
     Client c;
-    const Lines good = {"one", std::string(1024, 'x'), "end"};
-    for (const std::string &g : good)
-        for (const std::string &text : {std::string(), std::string(1025, 'y'), std::string(4000, 'z'), g})
+    const Lines good = {"one", S(1024, 'x'), "end"};
+    for (const S &g : good)
+        for (const S &text : {S(), S(1025, 'y'), S(4000, 'z'), g})
             udp_send_to(c.fd, r.ports[0], text);
-    for (const std::string &g : good) ASSERT_EQ(r.next().payload, g);
+    for (const S &g : good) ASSERT_EQ(r.next().payload, g);
     EXPECT_EQ(r.proc->wait_exit(0), -1);
 }
 
 // 30,000 senders from six loopback addresses: the newest 4,096 keep their
 // routes, a client that keeps sending keeps its own, and memory stays flat;
-// line noise and an oversize frame then change none of that.
-TEST(Relay, FloodAndLineNoiseNeitherStopNorGrowIt) {
+// line noise and an oversize frame then change none of that, nor do SIGPIPE
+// and SIGALRM. Nothing is logged at level 0; SIGTERM ends it at once.
+TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
     constexpr int kSenders = 30000, kRoutes = 4096, kLegitEvery = 3000;
     Relay r({}, host_ports(1));
     Client legit;
     Datagram last;
-    auto exchange = [&](const std::string &text) {
+    auto exchange = [&](const S &text) {
         udp_send_to(legit.fd, r.ports[0], text);
         last = r.next();
         ASSERT_EQ(last.payload, text);
@@ -320,14 +329,18 @@ TEST(Relay, FloodAndLineNoiseNeitherStopNorGrowIt) {
         EXPECT_EQ(legit.recv(), "re " + text);
     };
     exchange("hello");
+    for (int sig : {SIGPIPE, SIGALRM}) kill(r.proc->pid, sig);
     long rss = r.proc->rss_kib();
-    // The newest sender to lose its route and the oldest to keep it stay open: {socket, address, port}.
-    std::map<int, std::array<int, 3>> kept = {{kSenders - kRoutes, {}}, {kSenders - kRoutes + 1, {}}};
+    // The newest sender to lose its route and the oldest to keep it stay open:
+    // {socket, host, port}.
+    std::map<int, std::array<int, 3>> kept = {{kSenders - kRoutes, {}},
+                                              {kSenders - kRoutes + 1, {}}};
     for (int sent = 0, tried = 0; sent < kSenders;) {
         if (sent % kLegitEvery == 0) exchange("still here " + std::to_string(sent));
         // 100 at a time: what the relay's receive buffer surely holds.
         for (int end = sent + 100; sent < end; tried++) {
-            int host = kLoopback + 1 + tried % 6, port = 40000 + tried / 6, fd = udp_socket_at(host, port);
+            int host = kLoopback + 1 + tried % 6, port = 40000 + tried / 6;
+            int fd = udp_socket_at(host, port);
             if (fd < 0) continue;
             udp_send_to(fd, r.ports[0], "f");
             if (kept.count(sent)) kept[sent] = {fd, host, port};
@@ -339,22 +352,23 @@ TEST(Relay, FloodAndLineNoiseNeitherStopNorGrowIt) {
         ASSERT_EQ(seen, 100) << "flood datagrams lost before " << sent;
     }
     for (auto &[i, s] : kept) r.send(s[1], line_port(s[2]), "to " + std::to_string(i));
-    std::string got;
+    S got;
     ASSERT_TRUE(udp_recv(kept[kSenders - kRoutes + 1][0], &got, 5000));
     EXPECT_FALSE(udp_recv(kept[kSenders - kRoutes][0], &got, 0)) << "evicted too late";
     exchange("after the flood");
-    EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib() << " KiB";
-
+    EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
     // No END in the noise: one endless frame, then a 5,000-byte one.
-    std::string noise(64 * 1024, '\0');
+    S noise(64 * 1024, '\0');
     for (size_t i = 0; i < noise.size(); i++) noise[i] = static_cast<char>((i * 2654435761u) >> 13);
     std::replace(noise.begin(), noise.end(), '\xC0', '\x41');
     r.write(noise);
-    r.send(kLoopback, line_port(legit.port), std::string(5000 - 28, 'n'));
+    r.send(kLoopback, line_port(legit.port), S(5000 - 28, 'n'));
     r.reply(last, "after noise");
     EXPECT_EQ(legit.recv(30000), "after noise");
-    EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib() << " KiB";
+    EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
     for (auto &[i, s] : kept) close(s[0]);
+    EXPECT_EQ(r.proc->stop(SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(log_of(r.proc->err()), Lines{kBanner});
 }
 
 // With the line stopped, one datagram is in the writer's hands, ten wait in
@@ -373,35 +387,28 @@ TEST(Relay, TenWaitForAStoppedLine) {
     for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
 }
 
-// SIGPIPE and SIGALRM are ignored; SIGINT and SIGTERM end it at once, silently.
-TEST(Relay, Signals) {
-    for (int sig : {SIGINT, SIGTERM}) {
-        Relay r({}, host_ports(1));
-        for (int ignored : {SIGPIPE, SIGALRM}) kill(r.proc->pid, ignored);
-        r.send(kLoopback, 4000, "to nobody");
-        usleep(300000);
-        EXPECT_EQ(r.proc->stop(sig), 128 + sig);
-        EXPECT_EQ(log_of(r.proc->err()), Lines{kBanner});
-    }
-}
-
-// A host port held by another program, and a line whose far end closes, end
-// the relay with status 1 and the messages naming the cause.
-TEST(Relay, FatalEnds) {
+// A host port held by another program, a line whose far end closes, and
+// SIGINT end the relay: the first two with status 1 and the messages naming
+// the cause, the signal at once and silently.
+TEST(Relay, Ends) {
     int port = fixed_udp_port(), holder = udp_socket_at(INADDR_ANY, port);
     Relay held({}, {port});
     EXPECT_EQ(held.proc->wait_exit(10000), 1);
-    std::string p = std::to_string(port);
-    EXPECT_EQ(log_of(held.proc->err()), (Lines{kBanner, "korvane: udp_open: bind() error. (Address already in use)",
-                                               "korvane: udp_read: udp_open(" + p + ") error.",
-                                               "korvane: fatal: korvane_run_udp_read_thread: udp_read(" + p + ") error."}));
+    S p = std::to_string(port);
+    EXPECT_EQ(log_of(held.proc->err()),
+              (Lines{kBanner, "udp_open: bind() error. (Address already in use)",
+                     "udp_read: udp_open(" + p + ") error.",
+                     "fatal: korvane_run_udp_read_thread: udp_read(" + p + ") error."}));
     close(holder);
-    Relay cut({}, host_ports(1));
+    Relay cut({}, host_ports(1)), stopped({}, host_ports(1));
     Client c;  // once the line carries a frame, it is open
     udp_send_to(c.fd, cut.ports[0], "x");
     ASSERT_EQ(cut.next().payload, "x");
     close(cut.line.master);
     cut.line.master = -1;
     EXPECT_EQ(cut.proc->wait_exit(5000), 1);
-    EXPECT_EQ(log_of(cut.proc->err()).back(), "korvane: fatal: korvane_run_q330_read_thread: udp_read() error.");
+    EXPECT_EQ(log_of(cut.proc->err()).back(),
+              "fatal: korvane_run_q330_read_thread: udp_read() error.");
+    EXPECT_EQ(stopped.proc->stop(SIGINT), 128 + SIGINT);
+    EXPECT_EQ(log_of(stopped.proc->err()), Lines{kBanner});
 }

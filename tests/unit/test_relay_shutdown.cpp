@@ -10,16 +10,14 @@
 #include "support/containers.h"
 #include "testutil.h"
 
-// The routine joins only the second port's threads and leaves the others to
-// end by themselves, unjoined; that is its design, not a leak to report.
+// It joins only the second port's threads and leaves the others to end by
+// themselves, unjoined; that is its design, not a leak to report.
 extern "C" const char *__tsan_default_options() { return "report_thread_leaks=0"; }
 
-namespace {
-
 // The relay on a pseudo-terminal with n ports, shut down as a handler would
-// (after a call made as if a shutdown had begun, which must return at once);
-// its SIGINT to the datalogger reader is survived only with a handler.
-void run_and_halt(int nports) {
+// (after a call as if a shutdown had begun, which must return at once); its
+// SIGINT to the datalogger reader is survived only with a handler.
+static void run_and_halt(int nports) {
     myshutdown = 1;
     haltbysignal(SIGTERM);
     myshutdown = 0;
@@ -33,14 +31,12 @@ void run_and_halt(int nports) {
     korvane.ports = newtbl(1);
     for (int i = 0; i < nports; i++)
         settbl(korvane.ports, -1,
-               new KorvanePort{&korvane, testutil::fixed_udp_port(), 5330 + i, {}, {}, {}, {}});
+               new KorvanePort{&korvane, testutil::fixed_udp_port(), 5330, {}, {}, {}, {}});
     verbose = 1;
     korvane_start(&korvane);
     usleep(300000);  // let every thread reach its wait
     haltbysignal(SIGINT);
 }
-
-}  // namespace
 
 TEST(ShutdownDeathTest, StopsThreadsAndExitsZero) {
     // qemu-user cannot re-execute the test program; there the fast style
