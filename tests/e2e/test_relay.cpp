@@ -353,8 +353,15 @@ TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
     }
     for (auto &[i, s] : kept) r.send(s[1], line_port(s[2]), "to " + std::to_string(i));
     S got;
-    ASSERT_TRUE(udp_recv(kept[kSenders - kRoutes + 1][0], &got, 5000));
+    auto &[oldest, host, port] = kept[kSenders - kRoutes + 1];
+    ASSERT_TRUE(udp_recv(oldest, &got, 5000));
     EXPECT_FALSE(udp_recv(kept[kSenders - kRoutes][0], &got, 0)) << "evicted too late";
+    // A reply counts as a use: a newcomer now takes the place of the sender after it.
+    Client newcomer;
+    udp_send_to(newcomer.fd, r.ports[0], "f");
+    ASSERT_EQ(r.next().payload, "f");
+    r.send(host, line_port(port), "again");
+    EXPECT_TRUE(udp_recv(oldest, &got, 5000)) << "a reply did not keep the route";
     exchange("after the flood");
     EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
     // No END in the noise: one endless frame, then a 5,000-byte one.
