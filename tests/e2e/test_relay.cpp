@@ -187,6 +187,7 @@ TEST(Relay, CommandLineAndParameterBlock) {
         refused({{"mode", "SLIP"}}, "Unrecognized default->mode = 'SLIP'."),
         missing("mode"),
         missing("device"),
+        missing("baud"),
         missing("baud", "fast"),
         refused({{"flow", "RTSCTS"}}, "parse_param(default->flow) 'RTSCTS' unrecognized."),
         missing("q330_ip_address"),
