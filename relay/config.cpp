@@ -113,12 +113,12 @@ int create_port_containers(Korvane *qpr) {
     qpr->ports = newtbl(1);
     if (qpr->ports == nullptr) {
         elog_log(0, "parse_pf: newtbl(qpr->ports) error.\n");
-        return -1;
+        return -1;  // out of memory, as below
     }
     qpr->ports_arr = routemap_create(KORVANE_ROUTES_MAX);
     if (qpr->ports_arr == nullptr) {
         elog_log(0, "parse_pf: newarr(qpr->ports_arr) error.\n");
-        return -1;
+        return -1;  // out of memory for the routing map
     }
     pthread_mutex_init(&qpr->ports_mutex, nullptr);
     return 0;
@@ -154,7 +154,7 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
         // Going on without this translation would leave a port silently
         // unserved; failing makes the relay end with the reason.
         elog_log(1, "parse_pf: malloc (port,%d) error.\n", static_cast<int>(sizeof(KorvanePort)));
-        return -1;
+        return -1;  // out of memory for a port record
     }
     memset(port, 0, sizeof *port);
     port->qpr = qpr;
@@ -169,7 +169,7 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
 int parse_translations(Arr *xlat, const char *tmpl, Korvane *qpr) {
     Tbl *keys = keysarr(xlat);
     kept.keys = keys;
-    if (create_port_containers(qpr) < 0) return -1;
+    if (create_port_containers(qpr) < 0) return -1;  // out of memory
     for (int i = 0; keys != nullptr && i < maxtbl(keys); i++) {
         const char *key = static_cast<const char *>(gettbl(keys, i));
         if (key == nullptr || key[0] == '\0') continue;
