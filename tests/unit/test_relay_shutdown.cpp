@@ -1,6 +1,7 @@
-// The orderly shutdown routine, which the relay keeps but connects to no
-// signal: in a child process, against real threads on a real line and real
-// sockets, it must stop them and exit 0 whatever the number of ports.
+// What the relay binary cannot show: the orderly shutdown routine, kept but
+// connected to no signal, which in a child process, against real threads on a
+// real line and real sockets, must stop them and exit 0 whatever the number of
+// ports; and the hex dump given a prefix longer than any the relay uses.
 #include <signal.h>
 #include <unistd.h>
 
@@ -50,4 +51,19 @@ TEST(ShutdownDeathTest, StopsThreadsAndExitsZero) {
     // No second port to join, one, and three (only the second is reached).
     for (int nports : {0, 1, 3})
         EXPECT_EXIT(run_and_halt(nports), testing::ExitedWithCode(0), done) << nports << " ports";
+}
+
+// The dump writes any prefix whole, however long, and never past a buffer.
+TEST(Dump, AnyPrefixWhole) {
+    const std::string prefix(300, 'p');
+    unsigned char bytes[33] = {0xab};
+    bytes[32] = 0x01;
+    testing::internal::CaptureStderr();
+    udp_dump(prefix.c_str(), bytes, 33);
+    std::string full = prefix + " ab";
+    for (int i = 1; i < 32; i++) full += " 00";
+    EXPECT_EQ(testutil::log_lines(testing::internal::GetCapturedStderr()),
+              (std::vector<std::string>{"unit_relay_shutdown: " + full,
+                                        "unit_relay_shutdown: " + prefix + " 01",
+                                        "unit_relay_shutdown: " + prefix}));
 }
