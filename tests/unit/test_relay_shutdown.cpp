@@ -60,10 +60,13 @@ TEST(Dump, AnyPrefixWhole) {
     bytes[32] = 0x01;
     testing::internal::CaptureStderr();
     udp_dump(prefix.c_str(), bytes, 33);
-    std::string full = prefix + " ab";
+    udp_dump("x:", bytes, 32);  // a whole line, then the prefix alone
+    std::string full = " ab";
     for (int i = 1; i < 32; i++) full += " 00";
     EXPECT_EQ(testutil::log_lines(testing::internal::GetCapturedStderr()),
-              (std::vector<std::string>{"unit_relay_shutdown: " + full,
+              (std::vector<std::string>{"unit_relay_shutdown: " + prefix + full,
                                         "unit_relay_shutdown: " + prefix + " 01",
-                                        "unit_relay_shutdown: " + prefix}));
+                                        "unit_relay_shutdown: " + prefix,
+                                        "unit_relay_shutdown: x:" + full,
+                                        "unit_relay_shutdown: x:"}));
 }
