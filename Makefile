@@ -71,22 +71,23 @@ clean:
 #                  honoured: make install PREFIX=/usr DESTDIR=/tmp/stage
 #   make armhf     cross build for the ARM box: build-armhf/korvane
 #   make package   korvane_<version>_amd64.deb and _armhf.deb in build-dist/
+#   make dist      build-dist/korvane-<version>.tar.gz, the committed sources
+# The version is the one of the project() line in CMakeLists.txt; the
+# packages, the manual pages and the source tarball all take it from there.
 PREFIX ?= /usr/local
 DESTDIR ?=
+VERSION := $(shell sed -n 's/^project.korvane VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 # What goes into a package is built with Debian's flags, hardening included.
 # _FORTIFY_SOURCE shows the compiler buffer sizes it does not see otherwise,
 # so a package build can warn (and, with -Werror, fail) where the others pass.
+# The ARM box's 64-bit time_t comes with cmake/toolchain-armhf.cmake.
 BUILDFLAGS = DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get
-# $(call package_cmake,extra preprocessor flags)
 package_cmake = -DKORVANE_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr \
-  -DCMAKE_C_FLAGS="$$($(BUILDFLAGS) CPPFLAGS) $(1) $$($(BUILDFLAGS) CFLAGS)" \
-  -DCMAKE_CXX_FLAGS="$$($(BUILDFLAGS) CPPFLAGS) $(1) $$($(BUILDFLAGS) CXXFLAGS)" \
+  -DCMAKE_C_FLAGS="$$($(BUILDFLAGS) CPPFLAGS) $$($(BUILDFLAGS) CFLAGS)" \
+  -DCMAKE_CXX_FLAGS="$$($(BUILDFLAGS) CPPFLAGS) $$($(BUILDFLAGS) CXXFLAGS)" \
   -DCMAKE_EXE_LINKER_FLAGS="$$($(BUILDFLAGS) LDFLAGS)"
-# The box is 32-bit and stays in the field for years: 64-bit time_t (and the
-# 64-bit file offsets it requires) keep its clock right after January 2038.
-ARMHF_ABI = -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64
 
-.PHONY: install armhf package
+.PHONY: install armhf package dist
 
 install: build
 	DESTDIR="$(DESTDIR)" cmake --install build --prefix "$(PREFIX)"
@@ -94,20 +95,45 @@ install: build
 build-armhf/build.ninja:
 	@scripts/deps package
 	export DEB_HOST_ARCH=armhf; cmake -S . -B build-armhf -G Ninja \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake $(call package_cmake,$(ARMHF_ABI)) $(CMAKE_FLAGS)
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake $(package_cmake) $(CMAKE_FLAGS)
 
 armhf: build-armhf/build.ninja
 	cmake --build build-armhf -j $(JOBS)
 
 build-pkg/build.ninja:
 	@scripts/deps package
-	cmake -S . -B build-pkg -G Ninja $(call package_cmake) $(CMAKE_FLAGS)
+	cmake -S . -B build-pkg -G Ninja $(package_cmake) $(CMAKE_FLAGS)
 
 package: armhf build-pkg/build.ninja
 	cmake --build build-pkg -j $(JOBS)
 	cd build-pkg && cpack -B "$(CURDIR)/build-dist"
 	cd build-armhf && cpack -B "$(CURDIR)/build-dist"
 	@ls -1 build-dist/*.deb
+
+# The committed tree of HEAD (uncommitted changes are left out, and named).
+# The same commit gives the same bytes: git archive stamps every file with
+# the commit's time in the tree's own order, and gzip -n adds no name or time.
+dist:
+	@git diff --quiet HEAD -- || { echo "make dist: uncommitted changes are not in the tarball:"; \
+	  git status --short --untracked-files=no; }
+	@mkdir -p build-dist
+	git archive --format=tar --prefix=korvane-$(VERSION)/ HEAD | gzip -9n > build-dist/korvane-$(VERSION).tar.gz.tmp
+	mv build-dist/korvane-$(VERSION).tar.gz.tmp build-dist/korvane-$(VERSION).tar.gz
+	@sha256sum build-dist/korvane-$(VERSION).tar.gz
+
+# The service under a real systemd, and a build on the next Debian release,
+# each in a throwaway Debian root cached in roots/ (tools: scripts/deps
+# roots; root, network to the Debian mirror of /etc/apt; not in CI):
+#   make unit-test     Debian 12 booted in a container, the amd64 package
+#                      installed, korvane@default driven through its life
+#   make trixie-test   the unit tests built and run in a Debian 13 chroot
+.PHONY: unit-test trixie-test
+
+unit-test: package
+	scripts/unit-test build-dist/korvane_$(VERSION)_amd64.deb
+
+trixie-test:
+	JOBS=$(JOBS) scripts/trixie-test
 
 # The unit tests built for the ARM box (32-bit) and a big-endian machine with
 # Debian's cross compilers, run under qemu-user (scripts/cross-test).

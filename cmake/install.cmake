@@ -28,17 +28,34 @@ function(korvane_gzip source output)
     VERBATIM)
 endfunction()
 
-file(MAKE_DIRECTORY ${KORVANE_GENERATED})
-korvane_gzip(${PROJECT_SOURCE_DIR}/docs/korvane.1 ${KORVANE_GENERATED}/korvane.1.gz)
-korvane_gzip(${PROJECT_SOURCE_DIR}/docs/korvane.pf.5 ${KORVANE_GENERATED}/korvane.pf.5.gz)
-korvane_gzip(${KORVANE_PACKAGING}/changelog ${KORVANE_GENERATED}/changelog.gz)
-add_custom_target(korvane_docs ALL DEPENDS
-  ${KORVANE_GENERATED}/korvane.1.gz
-  ${KORVANE_GENERATED}/korvane.pf.5.gz
-  ${KORVANE_GENERATED}/changelog.gz)
+# The manual pages get the version of the project() line in their .TH line
+# (packaging/manpage.cmake), then are compressed.
+set(KORVANE_MANPAGES)
+function(korvane_manpage source section)
+  get_filename_component(name ${source} NAME)
+  set(page ${KORVANE_GENERATED}/${name})
+  add_custom_command(OUTPUT ${page}.gz
+    COMMAND ${CMAKE_COMMAND} -DSOURCE=${source} -DOUTPUT=${page} -DVERSION=${PROJECT_VERSION}
+            -P ${KORVANE_PACKAGING}/manpage.cmake
+    COMMAND sh -c "gzip -9n -c '${page}' > '${page}.gz'"
+    DEPENDS ${source} ${KORVANE_PACKAGING}/manpage.cmake
+    VERBATIM)
+  install(FILES ${page}.gz DESTINATION share/man/man${section})
+  set(KORVANE_MANPAGES ${KORVANE_MANPAGES} ${page}.gz PARENT_SCOPE)
+endfunction()
 
-install(FILES ${KORVANE_GENERATED}/korvane.1.gz DESTINATION share/man/man1)
-install(FILES ${KORVANE_GENERATED}/korvane.pf.5.gz DESTINATION share/man/man5)
+file(MAKE_DIRECTORY ${KORVANE_GENERATED})
+korvane_manpage(${PROJECT_SOURCE_DIR}/docs/korvane.1 1)
+korvane_manpage(${PROJECT_SOURCE_DIR}/docs/korvane.pf.5 5)
+# A tool's page only with the tool.
+foreach(tool dlsim dlping)
+  if(TARGET ${tool})
+    korvane_manpage(${PROJECT_SOURCE_DIR}/docs/${tool}.1 1)
+  endif()
+endforeach()
+korvane_gzip(${KORVANE_PACKAGING}/changelog ${KORVANE_GENERATED}/changelog.gz)
+add_custom_target(korvane_docs ALL DEPENDS ${KORVANE_MANPAGES} ${KORVANE_GENERATED}/changelog.gz)
+
 install(FILES
   ${PROJECT_SOURCE_DIR}/docs/korvane.pf.example
   ${KORVANE_PACKAGING}/copyright
@@ -63,8 +80,23 @@ if(NOT KORVANE_DEB_ARCH)
   execute_process(COMMAND dpkg --print-architecture
     OUTPUT_VARIABLE KORVANE_DEB_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 endif()
-set(KORVANE_MAINTAINER "korvane developers <korvane@example.org>"
-  CACHE STRING "Maintainer field of the .deb packages")
+# A 32-bit box must outlive January 2038: refuse to build for it with a
+# 32-bit time_t (cmake/toolchain-armhf.cmake asks for the 64-bit one).
+if(KORVANE_DEB_ARCH STREQUAL "armhf")
+  include(CheckCXXSourceCompiles)
+  check_cxx_source_compiles([[
+#include <sys/types.h>
+#include <ctime>
+static_assert(sizeof(std::time_t) == 8 && sizeof(off_t) == 8);
+int main() { return 0; }]] KORVANE_TIME64)
+  if(NOT KORVANE_TIME64)
+    message(FATAL_ERROR "armhf build with a 32-bit time_t or off_t: "
+      "compile with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
+  endif()
+endif()
+# The one maintainer identity, also in packaging/changelog and
+# packaging/copyright.
+set(KORVANE_MAINTAINER "korvane developers <korvane@example.org>")
 
 # The package's changelog must speak of the version being packaged.
 file(STRINGS ${KORVANE_PACKAGING}/changelog korvane_changelog_top LIMIT_COUNT 1)
