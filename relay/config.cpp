@@ -149,14 +149,13 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
                  qpr->q330_ip_address, q330_port, static_cast<int>(sizeof dst) - 1);
         return -1;
     }
-    auto *port = static_cast<KorvanePort *>(malloc(sizeof(KorvanePort)));
+    auto *port = static_cast<KorvanePort *>(calloc(1, sizeof(KorvanePort)));
     if (port == nullptr) {
         // Going on without this translation would leave a port silently
         // unserved; failing makes the relay end with the reason.
         elog_log(1, "parse_pf: malloc (port,%d) error.\n", static_cast<int>(sizeof(KorvanePort)));
         return -1;  // out of memory for a port record
     }
-    memset(port, 0, sizeof *port);
     port->qpr = qpr;
     port->host_port = host_port;
     port->q330_port = q330_port;
@@ -188,7 +187,7 @@ void usage(void) {
     fflush(stderr);
 }
 
-int korvane_parse_args(int argc, char **argv, const char **template_name) {
+void korvane_parse_args(int argc, char **argv, const char **template_name) {
     int i = 1;
     // Options stop at the first argument that does not begin with '-', so an
     // option written after the template counts as a surplus argument.
@@ -200,7 +199,6 @@ int korvane_parse_args(int argc, char **argv, const char **template_name) {
         exit(1);
     }
     *template_name = left == 1 ? argv[i] : "default";
-    return 0;
 }
 
 int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr) {

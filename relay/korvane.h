@@ -58,7 +58,7 @@ extern int myshutdown;           // 1 once an orderly shutdown has begun
 void usage(void);
 // Scans options and the template name into verbose and *template_name;
 // ends the process on -help (status 0) and on any bad argument (status 1).
-int korvane_parse_args(int argc, char **argv, const char **template_name);
+void korvane_parse_args(int argc, char **argv, const char **template_name);
 // Reads template's block of the parameter file pf_file into qpr; 0 or -1 (message registered).
 int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr);
 // Writes the configuration summary lines for qpr read from template_name.
