@@ -194,7 +194,9 @@ int serialbuf_disconnect(SerialBuf *buf) {
         elog_log(0, "serialbuf_disconnect: Illegal com_mode value '%d'.\n", buf->com_mode);
         return -1;
     }
-    if (buf->modem_control != 1) {
+    // No descriptor (the accepted connection of a TCP server was just
+    // closed): nothing to send the commands through, and no reply to wait for.
+    if (buf->modem_control != 1 && buf->fd >= 0) {
         int ret = hang_up_modem(buf);
         if (ret != 0) return ret;  // still connected: the modem did not confirm
     }

@@ -65,7 +65,7 @@ static int configure_line(SerialBuf *buf) {
         elog_log(0, "serialbuf_open: invalid baudrate %d\n", buf->baud);
         return close_device(buf);
     }
-    unsigned long cflag = speed | CS8 | CREAD;
+    unsigned long cflag = CS8 | CREAD;
     if (buf->flow == 1) cflag |= CRTSCTS;  // lost in low_half, see above
     if (buf->modem_control != 2) cflag |= CLOCAL;  // a modem with lines must see carrier
     t.c_iflag = low_half(t.c_iflag, IGNBRK);
@@ -75,8 +75,9 @@ static int configure_line(SerialBuf *buf) {
     // A read returns what has arrived, or nothing after a tenth of a second.
     t.c_cc[VMIN] = 0;
     t.c_cc[VTIME] = 1;
-    // The speed code is already in the CBAUD bits; the library's speed fields
-    // must agree with it or the new speed may not take.
+    // The speed goes in through the library, never as bits of the control
+    // word: newer C libraries define B19200 as 19200, which or-ed into the
+    // word would switch parity on.
     cfsetispeed(&t, speed);
     cfsetospeed(&t, speed);
     if (tcsetattr(buf->fd, TCSADRAIN, &t) != 0) {
@@ -86,33 +87,47 @@ static int configure_line(SerialBuf *buf) {
     return 0;
 }
 
-// Opens the device read-write with no other flags; -1 when the link has no path.
+// Opens the device read-write; -1 (errno set) when the link has no path or
+// the open fails. O_NOCTTY: a relay that leads its session (as under systemd)
+// must not get the line as its controlling terminal, or a hang-up of the line
+// would end it by SIGHUP before its reader could report anything. O_NONBLOCK
+// only for the open itself, so that a line whose saved settings lack CLOCAL
+// does not hold the open until carrier comes; reads block as before.
 static int open_device(const char *dev) {
     if (!dev) {
         errno = ENOENT;
         return -1;
     }
-    return open(dev, O_RDWR);
+    int fd = open(dev, O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) return -1;
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) < 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+// Opens the device into fd; -1, with its message, when that fails.
+static int open_logged(SerialBuf *buf) {
+    buf->fd = open_device(buf->dev);
+    if (buf->fd >= 0) return 0;
+    elog_log(1, "serialbuf_open: open('%s') error.\n", shown(buf->dev));
+    return -1;
 }
 
 static int open_serial(SerialBuf *buf) {
     buf->state = 1;
     if (buf->fd >= 0) close(buf->fd);
-    buf->fd = open_device(buf->dev);
-    if (buf->fd < 0) {
-        elog_log(1, "serialbuf_open: open('%s') error.\n", shown(buf->dev));
-        return -1;
-    }
+    if (open_logged(buf) < 0) return -1;
     if (buf->modem_control == 2) serialbuf_hangup(buf->fd);
     // Re-opened after the hang-up so that the modem lines come up afresh; the
     // one-microsecond sleep only yields the processor.
     close(buf->fd);
     serialbuf_usleep(1);
-    buf->fd = open_device(buf->dev);
-    if (buf->fd < 0) {
-        elog_log(1, "serialbuf_open: open('%s') error.\n", shown(buf->dev));
-        return -1;
-    }
+    if (open_logged(buf) < 0) return -1;
     if (configure_line(buf) < 0) return -1;
     buf->state = 2;
     return 0;
@@ -128,6 +143,7 @@ static int open_tcpclient(SerialBuf *buf) {
     buf->fd = -1;
     std::uint32_t addr = 0;
     char dotted[64];
+    errno = 0;  // the look-up need not set it: no stale error text in the message
     if (!buf->ipaddr || name2ip(buf->ipaddr, &addr, dotted) != 0) {
         elog_log(1, "serialbuf_open: Can't locate server by name of '%s'\n", shown(buf->ipaddr));
         return -1;

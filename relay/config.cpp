@@ -113,12 +113,12 @@ int create_port_containers(Korvane *qpr) {
     qpr->ports = newtbl(1);
     if (qpr->ports == nullptr) {
         elog_log(0, "parse_pf: newtbl(qpr->ports) error.\n");
-        return -1;
+        return -1;  // out of memory, as below
     }
-    qpr->ports_arr = newarr(nullptr);
+    qpr->ports_arr = routemap_create(KORVANE_ROUTES_MAX);
     if (qpr->ports_arr == nullptr) {
         elog_log(0, "parse_pf: newarr(qpr->ports_arr) error.\n");
-        return -1;
+        return -1;  // out of memory for the routing map
     }
     pthread_mutex_init(&qpr->ports_mutex, nullptr);
     return 0;
@@ -139,15 +139,23 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
                  value, tmpl);
         return -1;
     }
-    auto *port = static_cast<KorvanePort *>(malloc(sizeof(KorvanePort)));
-    if (port == nullptr) {
-        // The start-up goes on after this message. Filling or appending a
-        // record that does not exist would crash, so this translation is
-        // left out instead and the remaining ones are still read.
-        elog_log(1, "parse_pf: malloc (port,%d) error.\n", static_cast<int>(sizeof(KorvanePort)));
-        return 0;
+    // Every datagram toward the datalogger is addressed by the text
+    // "address:port", which must fit a packet's destination whole: cut, it
+    // would lose digits of the port and send the datagram elsewhere.
+    char dst[sizeof KorvanePkt::dst];
+    int len = snprintf(dst, sizeof dst, "%s:%d", qpr->q330_ip_address, q330_port);
+    if (len >= static_cast<int>(sizeof dst)) {
+        elog_log(0, "parse_pf: %s->q330_ip_address '%s:%d' is longer than %d characters.\n", tmpl,
+                 qpr->q330_ip_address, q330_port, static_cast<int>(sizeof dst) - 1);
+        return -1;
     }
-    memset(port, 0, sizeof *port);
+    auto *port = static_cast<KorvanePort *>(calloc(1, sizeof(KorvanePort)));
+    if (port == nullptr) {
+        // Going on without this translation would leave a port silently
+        // unserved; failing makes the relay end with the reason.
+        elog_log(1, "parse_pf: malloc (port,%d) error.\n", static_cast<int>(sizeof(KorvanePort)));
+        return -1;  // out of memory for a port record
+    }
     port->qpr = qpr;
     port->host_port = host_port;
     port->q330_port = q330_port;
@@ -160,7 +168,7 @@ int add_port(const char *key, const char *value, const char *tmpl, Korvane *qpr)
 int parse_translations(Arr *xlat, const char *tmpl, Korvane *qpr) {
     Tbl *keys = keysarr(xlat);
     kept.keys = keys;
-    if (create_port_containers(qpr) < 0) return -1;
+    if (create_port_containers(qpr) < 0) return -1;  // out of memory
     for (int i = 0; keys != nullptr && i < maxtbl(keys); i++) {
         const char *key = static_cast<const char *>(gettbl(keys, i));
         if (key == nullptr || key[0] == '\0') continue;
@@ -179,7 +187,7 @@ void usage(void) {
     fflush(stderr);
 }
 
-int korvane_parse_args(int argc, char **argv, const char **template_name) {
+void korvane_parse_args(int argc, char **argv, const char **template_name) {
     int i = 1;
     // Options stop at the first argument that does not begin with '-', so an
     // option written after the template counts as a surplus argument.
@@ -191,7 +199,6 @@ int korvane_parse_args(int argc, char **argv, const char **template_name) {
         exit(1);
     }
     *template_name = left == 1 ? argv[i] : "default";
-    return 0;
 }
 
 int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr) {

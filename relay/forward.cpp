@@ -19,7 +19,6 @@
 #include "net/udp.h"
 #include "relay/korvane.h"
 #include "support/byteorder.h"
-#include "support/containers.h"
 #include "support/elog.h"
 #include "support/pmtfifo.h"
 #include "support/pthread_lock.h"
@@ -61,11 +60,15 @@ void thread_frame(const char *name, int port, Unit unit) {
     }
 }
 
-// Copies text into a packet's 128-character field, cut to fit.
-void set_text(char (&field)[128], const char *text) {
-    size_t n = strnlen(text, sizeof field - 1);
-    memcpy(field, text, n);
-    field[n] = '\0';
+// Fills a packet's sender and destination texts. Every text the relay puts
+// there fits (an "a.b.c.d:port", or the datalogger's destination, checked at
+// start-up); one that did not would be refused here, never cut, since a cut
+// address sends the datagram elsewhere.
+bool set_texts(KorvanePkt *pkt, const char *src, const char *dst) {
+    if (strlen(src) >= sizeof pkt->src || strlen(dst) >= sizeof pkt->dst) return false;
+    strcpy(pkt->src, src);
+    strcpy(pkt->dst, dst);
+    return true;
 }
 
 // The header line ahead of a per-datagram dump (verbosity 2 and up).
@@ -92,12 +95,12 @@ void q330_destination_text(const SerialBuf *link, char *text, size_t size) {
 
 KorvanePort *route_lookup(Korvane *qpr, const char *client) {
     PthreadLock hold(&qpr->ports_mutex);
-    return static_cast<KorvanePort *>(getarr(qpr->ports_arr, client));
+    return routemap_get(qpr->ports_arr, client);
 }
 
 void route_learn(Korvane *qpr, const char *client, KorvanePort *port) {
     PthreadLock hold(&qpr->ports_mutex);
-    setarr(qpr->ports_arr, client, port);
+    routemap_set(qpr->ports_arr, client, port);
 }
 
 Pass q330_read_once(Korvane *qpr) {
@@ -118,10 +121,7 @@ Pass q330_read_once(Korvane *qpr) {
     }
     KorvanePkt *pkt = korvanepkt_create(nbytes, buf);
     if (!pkt) elog_die(1, "korvane_run_q330_read_thread: malloc() error.\n");
-    set_text(pkt->src, src);
-    set_text(pkt->dst, dst);
-
-    KorvanePort *port = route_lookup(qpr, pkt->dst);
+    KorvanePort *port = set_texts(pkt, src, dst) ? route_lookup(qpr, pkt->dst) : nullptr;
     if (!port) {  // no client has used this address and port yet
         free(pkt);
         return Pass::worked;
@@ -194,8 +194,10 @@ Pass host_read_once(KorvanePort *port, const char *q330_dst) {
     KorvanePkt *pkt = korvanepkt_create(nbytes, buf);
     if (!pkt)
         elog_die(1, "korvane_run_udp_read_thread: malloc() error for port %d.\n", port->host_port);
-    set_text(pkt->src, src);
-    set_text(pkt->dst, q330_dst);
+    if (!set_texts(pkt, src, q330_dst)) {
+        free(pkt);
+        return Pass::worked;
+    }
     pkt->srcaddr = port->udp_host->recv_saddr;
     // Replies go back through the port this client used most recently.
     route_learn(port->qpr, src, port);
@@ -239,18 +241,18 @@ void udp_dump(const char *prefix, const unsigned char *buf, int nbytes) {
     // One mutex for the whole process, so the lines of two dumps never mix.
     static std::mutex dump_mutex;
     std::lock_guard<std::mutex> lock(dump_mutex);
-    // 256 characters: a prefix of up to 159 leaves room for 32 " xx" groups.
-    char line[256];
-    int len = snprintf(line, sizeof line, "%s", prefix);
-    int base = len;
+    // The bytes of one line, 32 " xx" groups at most; the prefix is written
+    // ahead of them as it is, so no prefix can overrun the buffer.
+    char hex[32 * 3 + 1];
+    int len = 0;
     for (int i = 0; i < nbytes; i++) {
-        len += snprintf(line + len, sizeof line - static_cast<size_t>(len), " %2.2x", buf[i]);
+        len += snprintf(hex + len, sizeof hex - static_cast<size_t>(len), " %2.2x", buf[i]);
         if ((i + 1) % 32 == 0) {
-            elog_notify(0, "%s\n", line);
-            len = snprintf(line, sizeof line, "%s", prefix);
+            elog_notify(0, "%s%s\n", prefix, hex);
+            len = 0;
         }
     }
-    if (len > base) elog_notify(0, "%s\n", line);
+    if (len > 0) elog_notify(0, "%s%s\n", prefix, hex);
     elog_notify(0, "%s\n", prefix);
 }
 
@@ -268,6 +270,8 @@ void *korvane_run_q330_write_thread(void *arg) {
 
 void *korvane_run_udp_read_thread(void *arg) {
     KorvanePort *port = static_cast<KorvanePort *>(arg);
+    // parse_pf refuses an address that would not fit a packet's destination;
+    // were one to come here, set_texts would refuse it rather than cut it.
     char q330_dst[300];
     snprintf(q330_dst, sizeof q330_dst, "%s:%d", port->qpr->q330_ip_address, port->q330_port);
     thread_frame("korvane_run_udp_read_thread", port->host_port,

@@ -6,7 +6,7 @@
 #include <pthread.h>
 
 struct Tbl;
-struct Arr;
+struct RouteMap;
 struct UDP;
 struct Pmtfifo;
 
@@ -19,7 +19,7 @@ struct Korvane {
     int baud;                    // line speed
     int flow;                    // 0 = none, 1 = RTS/CTS
     Tbl *ports;                  // KorvanePort pointers, ascending text order of host_port
-    Arr *ports_arr;              // client "a.b.c.d:port" -> KorvanePort it last sent through
+    RouteMap *ports_arr;         // client "a.b.c.d:port" -> KorvanePort it last sent through
     pthread_mutex_t ports_mutex; // guards ports_arr, one look-up or insertion at a time
     UDP *udp_q330;               // datalogger-side endpoint (SLIP over the serial line)
     pthread_t read_thread;       // datalogger reader
@@ -58,11 +58,23 @@ extern int myshutdown;           // 1 once an orderly shutdown has begun
 void usage(void);
 // Scans options and the template name into verbose and *template_name;
 // ends the process on -help (status 0) and on any bad argument (status 1).
-int korvane_parse_args(int argc, char **argv, const char **template_name);
+void korvane_parse_args(int argc, char **argv, const char **template_name);
 // Reads template's block of the parameter file pf_file into qpr; 0 or -1 (message registered).
 int parse_pf(const char *pf_file, const char *template_name, Korvane *qpr);
 // Writes the configuration summary lines for qpr read from template_name.
 void korvane_print_summary(const char *template_name, const Korvane *qpr);
+
+// ---- The routing map (routes.cpp): at most capacity clients; when it is
+// full the one used least recently gives way. Callers hold ports_mutex.
+
+// Most routing entries kept: a client silent while this many others sent loses its route.
+constexpr int KORVANE_ROUTES_MAX = 4096;
+// An empty map; nullptr when out of memory.
+RouteMap *routemap_create(int capacity);
+// The port client last sent through, or nullptr; a hit counts as a use.
+KorvanePort *routemap_get(RouteMap *map, const char *client);
+// Records that client last sent through port; -1 for a text no sender has.
+int routemap_set(RouteMap *map, const char *client, KorvanePort *port);
 
 // ---- Packets and forwarding threads
 

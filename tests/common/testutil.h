@@ -1,10 +1,12 @@
 // Helpers shared by the test programs: real pseudo-terminals, temporary
-// directories, child processes and loopback UDP sockets. Nothing here mocks
-// the code under test; it only sets up the real parts around it.
+// directories, child processes, loopback UDP sockets, and judges of the
+// serial line written from the RFCs alone. Nothing here mocks the code under
+// test, and nothing here shares code with it.
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,34 +17,29 @@ struct TempDir {
     std::string path;
     TempDir();
     ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
     std::string file(const std::string &name) const { return path + "/" + name; }
     void write(const std::string &name, const std::string &content) const;
 };
 
-// A raw pseudo-terminal pair. The test keeps both ends open: the code under
-// test opens slave_path itself, and because the slave stays open here the
-// master never sees a hang-up when that code closes and re-opens the device.
+// A raw pseudo-terminal pair; the slave stays open here, so the master sees
+// no hang-up when the code under test closes and re-opens slave_path.
 struct PtyPair {
-    int master = -1;
-    int slave = -1;
+    int master = -1, slave = -1;
     std::string slave_path;
     PtyPair();
     ~PtyPair();
-    PtyPair(const PtyPair &) = delete;
-    PtyPair &operator=(const PtyPair &) = delete;
 };
 
 // Writes all of data to fd (loops over short writes).
 void write_all(int fd, const void *data, size_t n);
-// Reads what arrives on fd until quiet_ms pass with nothing new or total_ms pass.
+// What arrives on fd until quiet_ms pass with nothing new or total_ms pass.
 std::string read_for(int fd, int quiet_ms, int total_ms);
-// Reads until at least n bytes arrived or total_ms passed.
+// What arrives on fd until there are n bytes or total_ms passed.
 std::string read_at_least(int fd, size_t n, int total_ms);
 
-// A program running in the background; its standard output and error go to
-// files that the test can read at any time. Killed and reaped on destruction.
+// A program in the background, in a session of its own (as under a service
+// manager) and with none of the test's descriptors, its output in files;
+// killed and reaped on destruction.
 struct Child {
     pid_t pid = -1;
     TempDir io;
@@ -50,40 +47,69 @@ struct Child {
     ~Child();
     std::string err() const;
     std::string out() const;
-    // Wait until err() (out()) contains text or timeout_ms pass; true when found.
+    // Waits until err() (out()) holds text or timeout_ms pass; true when found.
     bool wait_for_err(const std::string &text, int timeout_ms) const;
     bool wait_for_out(const std::string &text, int timeout_ms) const;
-    // Sends sig and waits for the exit; returns the exit status, or 128 + signal.
+    // The exit status (128 + signal when ended by one) after sig, or on its
+    // own within timeout_ms (-1 if it did not end).
     int stop(int sig);
-    // Waits up to timeout_ms for the process to end by itself; -1 if it did not.
     int wait_exit(int timeout_ms);
+    long rss_kib() const;  // resident memory (VmRSS), -1 when unknown
 };
 
 // A program run to completion (killed after timeout_ms) with its output captured.
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 RunResult run_program(const std::vector<std::string> &argv, const std::string &cwd,
                       int timeout_ms = 30000);
+// The lines of a log with each "YYYY-MM-DD HH:MM:SS.mmm " time stamp removed.
+std::vector<std::string> log_lines(const std::string &log);
 
 // A UDP or TCP port on 127.0.0.1 that was free a moment ago.
 int free_udp_port();
 int free_tcp_port();
-// A UDP socket bound to an ephemeral port of 127.0.0.1; returns the fd and
-// stores the port.
+// For programs that bind a given port: one in [lo, hi] free a moment ago,
+// never the same twice in a process, its search starting at a point set by the pid.
+int fixed_udp_port(int lo = 10000, int hi = 32767);
+// A UDP socket bound to an ephemeral port of 127.0.0.1 (stored in *port),
+// or to host:port (a host-order address; -1 when taken).
 int udp_socket_loopback(int *port);
+int udp_socket_at(std::uint32_t host, int port);
 // Sends one datagram to 127.0.0.1:port.
 void udp_send_to(int fd, int port, const std::string &payload);
-// Receives one datagram within timeout_ms; false on time-out. Stores the
-// sender's port when from_port is given.
+// One datagram within timeout_ms (false on time-out), and its sender's port.
 bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port = nullptr);
-// Waits until some UDP socket is bound to port in the network namespace of
-// pid (0: this process's); read from /proc, so the check never takes the port.
+// Waits until a UDP socket is bound to port in pid's (0: this process's)
+// network namespace; read from /proc, so the check never takes the port.
 bool wait_udp_bound(int port, int timeout_ms, pid_t pid = 0);
-
 // Milliseconds on a monotonic clock.
 long long now_ms();
+
+// ---- The serial line, judged from RFC 1071, 768, 791 and 1055 alone.
+
+// The Internet checksum of bytes (a zero pad byte after an odd count).
+std::uint16_t inet_checksum(const std::string &bytes);
+// One IPv4/UDP datagram; addresses and ports are host-order numbers.
+struct Datagram {
+    std::uint32_t src = 0, dst = 0;
+    std::uint16_t sport = 0, dport = 0, id = 0, frag = 0x4000;
+    std::uint8_t ttl = 64;
+    std::string payload;
+};
+// The packet: a 20-byte IPv4 header and the UDP header, both sums in place.
+std::string datagram_packet(const Datagram &d);
+// True only for IPv4 UDP with a 20-byte header, lengths that agree with the
+// size, and both checksums present and right.
+bool datagram_parse(const std::string &packet, Datagram *d);
+// END, the packet with END and ESC escaped, END.
+std::string slip_frame(const std::string &packet);
+// Splits the bytes of a line into the frames between END bytes.
+struct SlipReader {
+    std::string partial;
+    bool escaped = false;
+    std::vector<std::string> feed(const std::string &bytes);
+};
 
 }  // namespace testutil

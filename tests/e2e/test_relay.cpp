@@ -1,269 +1,428 @@
-// The real korvane binary between loopback UDP clients and a pseudo-terminal on which
-// this test plays the datalogger with the project's frame builder and a strict checker.
+// The real korvane judged by its exit status and whole log: against command
+// lines and parameter files, and between loopback UDP clients and a pseudo-
+// terminal on which the test plays the datalogger with the RFC-only codec.
 #include <arpa/inet.h>
 #include <signal.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <deque>
+#include <map>
 #include <memory>
-#include <regex>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "testutil.h"
-#include "tools/dlframe.h"
 
 using namespace testutil;
+using S = std::string;
+using Lines = std::vector<S>;
+using Edits = std::map<S, S>;
 
 namespace {
 
-constexpr std::uint32_t kDatalogger = 0xC0A80132;  // 192.168.1.50
-constexpr std::uint32_t kLoopback = 0x7F000001;
-const std::string kBin = KORVANE_BUILD_DIR "/korvane";
-const std::string kBanner = "korvane : $Revision: 1.12 $ $Date: 2006/10/19 17:36:59 $";
+constexpr std::uint32_t kLogger = 0xC0A80132, kLoopback = 0x7F000001;  // 192.168.1.50, 127.0.0.1
+const S kBin = KORVANE_BUILD_DIR "/korvane", kNoTty = "/nonexistent/korvane-tty";
+const S kBanner = kBin + " : $Revision: 1.12 $ $Date: 2006/10/19 17:36:59 $";
+const S kFatal = "fatal: Parameter file parsing error.";
+const S kUsage = "usage: korvane [-v] [-help] [template]";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;  // the resident set then holds shadow memory and quarantine
+#else
+constexpr bool kSanitized = false;
+#endif
 
-std::vector<int> two_ports() { return {free_udp_port(), free_udp_port()}; }
+Lines operator+(Lines a, const Lines &b) { return a.insert(a.end(), b.begin(), b.end()), a; }
 
-// korvane running in a temporary directory on a pseudo-terminal line, its
-// host ports translated to the datalogger's 5330 and then 6330.
+// A relay past its configuration on kNoTty ends at its first read of the line.
+const Lines kNoTtyEnd = {
+    "serialbuf_open: open('" + kNoTty + "') error. (No such file or directory)",
+    "udp_open: serialbuf_open() error. (No such file or directory)", "udp_read: udp_open(0) error.",
+    "fatal: korvane_run_q330_read_thread: udp_read() error."};
+
+// A template block; edits replace lines by name, and "-" leaves one out.
+S block(const S &name, Edits lines) {
+    lines.insert({{"mode", "slip"}, {"device", kNoTty}, {"baud", "19200"}, {"flow", "none"},
+                  {"q330_ip_address", "192.168.1.50"}, {"port_translations", "{\n}"}});
+    S s = name + " {\n";
+    for (const auto &[key, value] : lines) s += value == "-" ? "" : key + " " + value + "\n";
+    return s + "}\n";
+}
+
+// The banner and the summary of -v for a block, its translations given in order.
+Lines summary(Edits b, const Lines &xlat) {
+    Lines s = {kBanner};
+    b.insert({{"template", "default"}, {"mode", "slip"}, {"device", kNoTty}, {"baud", "19200"},
+              {"q330_ip_address", "192.168.1.50"}});
+    for (S key : {"template", "mode", "device", "baud", "q330_ip_address"})
+        s.push_back(key + S(18 - key.size(), ' ') + "= " + b[key]);
+    for (const S &x : xlat) s.push_back((s.size() == 6 ? "port_translations = " : S(20, ' ')) + x);
+    return s;
+}
+
+// The log without time stamps, program name or thread start lines, whose
+// order is the scheduler's: those go to *starts, sorted.
+Lines log_of(const S &err, Lines *starts = nullptr) {
+    Lines log, started;
+    for (S l : log_lines(err)) {
+        if (l.starts_with("korvane: ")) l.erase(0, 9);
+        (l.ends_with(": Starting...") ? started : log).push_back(l);
+    }
+    std::sort(started.begin(), started.end());
+    return starts ? *starts = started, log : log;
+}
+
+// n host ports for a relay, the first one below 10000.
+std::vector<int> host_ports(int n) {
+    std::vector<int> ports;
+    for (int i = 0; i < n; i++) ports.push_back(i ? fixed_udp_port() : fixed_udp_port(1024, 9999));
+    return ports;
+}
+
+// korvane in a temporary directory on a pseudo-terminal line; host port i
+// goes to the datalogger's port 5330 + 1000 i.
 struct Relay {
     TempDir dir;
     PtyPair line;
+    std::vector<int> ports;
     std::unique_ptr<Child> proc;
+    SlipReader reader;
+    std::deque<S> frames;
 
-    Relay(const std::vector<int> &ports, const std::string &flag, const std::string &device = "") {
-        std::ostringstream pf;
-        pf << "default {\n  mode slip\n  device " << (device.empty() ? line.slave_path : device)
-           << "\n  baud 115200\n  q330_ip_address 192.168.1.50\n  port_translations {\n";
-        for (size_t i = 0; i < ports.size(); i++) pf << ports[i] << " " << 5330 + 1000 * i << "\n";
-        dir.write("korvane.pf", pf.str() + "  }\n}\n");
-        std::vector<std::string> argv = {kBin};
-        if (!flag.empty()) argv.push_back(flag);
-        proc = std::make_unique<Child>(argv, dir.path);
-        // Host ports are bound by the first poll of their reader.
-        for (int port : ports) EXPECT_TRUE(wait_udp_bound(port, 10000)) << "port " << port;
+    explicit Relay(Lines args, std::vector<int> host = host_ports(2)) : ports(host) {
+        S xlat = "{\n";
+        for (size_t i = 0; i < ports.size(); i++)
+            xlat += std::to_string(ports[i]) + " " + std::to_string(5330 + 1000 * i) + "\n";
+        dir.write("korvane.pf", block("default", {{"device", line.slave_path}, {"baud", "115200"},
+                                                  {"port_translations", xlat + "}"}}));
+        proc = std::make_unique<Child>(Lines{kBin} + args, dir.path);
+        for (int port : ports) EXPECT_TRUE(wait_udp_bound(port, 10000)) << port;
     }
-    bool alive() { return proc->wait_exit(0) < 0; }
+    // The next frame off the line: "<refused>" when it fails a check, "<none>" when none came.
+    Datagram next(int timeout_ms = 10000) {
+        for (long long end = now_ms() + timeout_ms; frames.empty() && now_ms() < end;)
+            for (S &f : reader.feed(read_for(line.master, 20, 200))) frames.push_back(f);
+        Datagram d;
+        if (frames.empty()) return d.payload = "<none>", d;
+        if (!datagram_parse(frames.front(), &d)) d.payload = "<refused>";
+        return frames.pop_front(), d;
+    }
+    void write(const S &bytes) { write_all(line.master, bytes.data(), bytes.size()); }
+    // A datagram from the datalogger's port sport to dst:dport.
+    void send(std::uint32_t dst, std::uint16_t dport, const S &data, std::uint16_t sport = 5330) {
+        write(slip_frame(datagram_packet({kLogger, dst, sport, dport, 7, 0, 64, data})));
+    }
+    void reply(const Datagram &to, const S &payload) { send(to.src, to.sport, payload, to.dport); }
 };
 
-// A loopback UDP client, closed at the end of its scope.
+// A UDP client on 127.0.0.1, closed with its scope.
 struct Client {
-    int port = 0;
-    int fd = udp_socket_loopback(&port);
+    int port = 0, fd = udp_socket_loopback(&port);
     ~Client() { close(fd); }
-};
-
-// The datalogger end of the line.
-struct Datalogger {
-    int fd;
-    SlipDecoder dec;
-    std::string pending;
-
-    explicit Datalogger(int master) : fd(master) { slip_decoder_reset(&dec); }
-
-    // The payload of the next frame off the line, its headers in *p: "<refused>"
-    // when a strict receiver would drop it, "<none>" when none came in time.
-    std::string next(dlframe::Parsed *p, int timeout_ms = 10000) {
-        for (long long end = now_ms() + timeout_ms; now_ms() < end || !pending.empty();) {
-            if (pending.empty()) pending = read_for(fd, 50, static_cast<int>(end - now_ms()));
-            if (pending.empty()) continue;
-            int complete = slip_decoder_feed(&dec, static_cast<unsigned char>(pending[0]));
-            pending.erase(0, 1);
-            if (complete != 1) continue;
-            if (dlframe::check(dec.bytes, dec.count, p) != dlframe::kAccepted) return "<refused>";
-            return std::string(reinterpret_cast<const char *>(p->payload),
-                               static_cast<size_t>(p->nbytes));
-        }
-        return "<none>";
-    }
-
-    void send(std::uint32_t dst, std::uint16_t dst_port, std::uint16_t src_port,
-              const std::string &payload) {
-        alignas(4) unsigned char packet[dlframe::kMaxPacket];
-        dlframe::Addressing a{kDatalogger, dst, src_port, dst_port, 7};
-        int n = dlframe::build(a, reinterpret_cast<const unsigned char *>(payload.data()),
-                               static_cast<int>(payload.size()), packet, sizeof packet);
-        ASSERT_GT(n, 0);
-        std::vector<unsigned char> frame(2 * static_cast<size_t>(n) + 2);
-        write_all(fd, frame.data(), static_cast<size_t>(slip_encode(packet, n, frame.data())));
+    S recv(int timeout_ms = 5000, int *from = nullptr) {
+        S got;
+        return udp_recv(fd, &got, timeout_ms, from) ? got : "<none>";
     }
 };
 
-// The source port a client's datagram carries on the line: its two network
-// bytes taken as a host-order number (exchanged on a little-endian host).
-std::uint16_t line_port(int client_port) { return htons(static_cast<std::uint16_t>(client_port)); }
+// The port a client's datagram carries on the line: its network-order bytes
+// read as a host-order number, exchanged on a little-endian host.
+std::uint16_t line_port(int port) { return htons(static_cast<std::uint16_t>(port)); }
 
-// Sends payload from a client and checks that the datalogger gets it whole.
-void relay_to_datalogger(Datalogger &dl, int client, int host_port, const std::string &payload,
-                         dlframe::Parsed *p) {
-    udp_send_to(client, host_port, payload);
-    EXPECT_EQ(dl.next(p), payload);
-}
-
-// The first of parts that text lacks in this order, or "" when it has them all.
-std::string missing_in_order(const std::string &text, const std::vector<std::string> &parts) {
-    size_t at = 0;
-    for (const std::string &part : parts)
-        if ((at = text.find(part, at)) == std::string::npos) return part;
-    return "";
+// "PREFIX xx xx ..." lines of 32 bytes, then the prefix alone.
+Lines dump(const S &prefix, const S &bytes) {
+    Lines out;
+    char hex[4];
+    for (size_t i = 0; i < bytes.size(); i++) {
+        if (i % 32 == 0) out.push_back(prefix);
+        snprintf(hex, sizeof hex, " %02x", static_cast<unsigned char>(bytes[i]));
+        out.back() += hex;
+    }
+    return out + Lines{prefix};
 }
 
 }  // namespace
 
-TEST(Relay, StartUpLines) {
-    auto ports = two_ports();
-    Relay r(ports, "-v");
-    std::vector<std::string> threads = {"q330_read_thread", "q330_write_thread"};
-    for (int port : ports)
-        for (std::string kind : {"read", "write"})
-            threads.push_back("udp_" + kind + "_thread(" + std::to_string(port) + ")");
-    ASSERT_TRUE(r.proc->wait_for_err("korvane_run_" + threads.back() + ": Starting...", 10000));
-    // The banner, the summary, then each thread's start.
-    for (const std::string &thread : threads)
-        EXPECT_EQ(missing_in_order(r.proc->err(), {kBanner, "q330_ip_address   = 192.168.1.50",
-                                                   "korvane_run_" + thread + ": Starting..."}),
-                  "");
-
-    // At verbosity 0 a healthy start writes the banner and nothing else.
-    Relay quiet(two_ports(), "");
-    usleep(800000);
-    EXPECT_TRUE(quiet.alive());
-    std::string q = quiet.proc->err();
-    EXPECT_EQ(std::count(q.begin(), q.end(), '\n'), 1) << q;
+TEST(Relay, CommandLineAndParameterBlock) {
+    // Host ports that sort as text the other way round from their numbers.
+    const S low = std::to_string(fixed_udp_port(5000, 9999));
+    const S high = std::to_string(fixed_udp_port());
+    const Edits two = {{"port_translations", "{\n" + low + " 5330\n" + high + " 5330\n}"}};
+    const Lines two_rows = {high + " -> 5330", low + " -> 5330"};
+    // "address:port" toward the datalogger must fit 127 characters.
+    const S fits = S(114, '0') + "12.9.8.7", too_long = "00" + fits;
+    auto with = [&](Edits e) { return e.insert(two.begin(), two.end()), e; };
+    auto refused = [&](Edits e, const S &why) {
+        return std::tuple(Lines{}, with(e), Lines{kBanner, "parse_pf: " + why, kFatal});
+    };
+    auto missing = [&](const S &key, const S &value = "-") {
+        auto c = refused({{key, value}}, "parse_param(default->" + key + ") error.");
+        std::get<2>(c).insert(std::get<2>(c).begin() + 1, "parse_param: '" + key + "' " +
+                              (value == "-" ? "is missing" : "is not an integer: '" + value + "'"));
+        return c;
+    };
+    auto illegal = [&](const S &side, const S &text, const S &rows) {
+        return refused({{"port_translations", "{\n" + rows + "}"}}, "Illegal " + side +
+                       " port number '" + text + "' in default->port_translations array.");
+    };
+    auto unknown = [&](Lines args, const S &what) {
+        return std::tuple(args, two, Lines{kBanner, "warning: Unrecognized " + what + ".", kUsage});
+    };
+    const std::vector<std::tuple<Lines, Edits, Lines>> cases = {
+        // No flow line is as good as "none", and so are "rtscts" and no translations at all.
+        {{"-v"}, with({{"flow", "-"}}), summary({}, two_rows) + kNoTtyEnd},
+        {{"-vvv", "-v"}, {{"flow", "rtscts"}}, summary({}, {}) + kNoTtyEnd},
+        {{}, two, Lines{kBanner} + kNoTtyEnd},
+        {{"-v", "other"}, two,
+         summary({{"template", "other"}, {"q330_ip_address", "10.9.8.7"}}, two_rows) + kNoTtyEnd},
+        unknown({"other", "-v"}, "command argument 'other'"),
+        unknown({"-vvvv"}, "option '-vvvv'"),
+        unknown({"-V"}, "option '-V'"),
+        unknown({"-v", "-"}, "option '-'"),
+        {{"-v", "nosuch"}, two,
+         {kBanner, "parse_param: 'nosuch' is missing", "parse_pf: parse_param(nosuch) error.",
+          kFatal}},
+        refused({{"mode", "SLIP"}}, "Unrecognized default->mode = 'SLIP'."),
+        missing("mode"),
+        missing("device"),
+        missing("baud"),
+        missing("baud", "fast"),
+        refused({{"flow", "RTSCTS"}}, "parse_param(default->flow) 'RTSCTS' unrecognized."),
+        {{}, with({{"flow", "{\n}"}}),
+         {kBanner, "parse_param: 'flow' is a block, not a scalar",
+          "parse_pf: parse_param(default->flow) error.", kFatal}},
+        missing("q330_ip_address"),
+        missing("port_translations"),
+        illegal("host", "65536", "65536 5330\n"),
+        illegal("host", "99", "99 5330\n"),
+        illegal("q330", "99", low + " 99\n"),
+        illegal("q330", "65536", low + " 65536\n"),
+        illegal("host", "4294967396", "4294967396 5330\n"),
+        illegal("host", "99", "99 65536\n"),  // both bad: only the host port is named
+        // The limits are legal, and junk after a number is ignored.
+        {{"-v"}, {{"port_translations", "{\n" + high + " 100\n" + low + "x 65535\n}"}},
+         summary({}, {high + " -> 100", low + " -> 65535"}) + kNoTtyEnd},
+        {{"-v"}, with({{"q330_ip_address", fits}}),
+         summary({{"q330_ip_address", fits}}, two_rows) + kNoTtyEnd},
+        refused({{"q330_ip_address", too_long}},
+                "default->q330_ip_address '" + too_long + ":5330' is longer than 127 characters."),
+    };
+    TempDir dir, empty;
+    for (auto &[args, edits, log] : cases) {
+        S other = block("other", with({{"q330_ip_address", "10.9.8.7"}}));
+        dir.write("korvane.pf", block("default", edits) + other);
+        RunResult r = run_program(Lines{kBin} + args, dir.path, 20000);
+        EXPECT_EQ(r.status, 1) << testing::PrintToString(args);
+        EXPECT_EQ(log_of(r.err), log) << testing::PrintToString(edits);
+    }
+    // -help needs no parameter file, and ends well.
+    RunResult r = run_program({kBin, "-vv", "-help", "-bogus"}, empty.path);
+    EXPECT_EQ(std::pair(r.status, log_of(r.err)), std::pair(0, Lines{kBanner, kUsage}));
+    if (access("/etc/korvane.pf", F_OK) == 0) GTEST_SKIP() << "/etc/korvane.pf exists here";
+    EXPECT_EQ(log_of(run_program({kBin, "-v"}, empty.path).err),
+              (Lines{kBanner,
+                     "pfread: no parameter file for 'korvane': tried ./korvane.pf, /etc/korvane.pf",
+                     "parse_pf: pfread('korvane') error.", kFatal}));
 }
 
-TEST(Relay, FramesBothWaysFollowEachClientsLastPort) {
-    auto ports = two_ports();
-    Relay r(ports, "-vv");
-    Datalogger dl(r.line.master);
-    Client c1, c2;
-    dlframe::Parsed p{};
-    std::string got;
-    int from = 0;
-
-    // Two clients behind one host port each get their own reply from it.
-    for (Client *c : {&c1, &c2}) {
-        relay_to_datalogger(dl, c->fd, ports[0], "ask", &p);
-        dl.send(p.ip.ipaddr_src, p.udp.port_src, 5330, "reply " + std::to_string(c->port));
-    }
-    for (Client *c : {&c1, &c2}) {
-        ASSERT_TRUE(udp_recv(c->fd, &got, 5000, &from));
-        EXPECT_EQ(got, "reply " + std::to_string(c->port));
-        EXPECT_EQ(from, ports[0]);
-    }
-
-    // Frames on the line: END and ESC escaped, 1024 bytes whole, the client's
-    // address and port bytes as source, identification rising by one.
-    std::string big(1024, '\0');
-    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
-    const std::string sent[] = {"hello", std::string("\xC0\xDB\xC0 x \xDB", 6), big, "to B"};
-    std::uint16_t first_id = 0;
-    for (size_t i = 0; i < 4; i++) {
-        relay_to_datalogger(dl, c1.fd, ports[i < 3 ? 0 : 1], sent[i], &p);
-        EXPECT_EQ(p.ip.ipaddr_src, kLoopback);
-        EXPECT_EQ(p.ip.ipaddr_dst, kDatalogger);
-        EXPECT_EQ(p.ip.time_to_live, 255);
-        EXPECT_EQ(p.ip.fragment_offset, 0x4000);
-        EXPECT_EQ(p.udp.port_src, line_port(c1.port));
-        EXPECT_EQ(p.udp.port_dst, i < 3 ? 5330 : 6330);
-        if (i == 0) first_id = p.ip.identification;
-        EXPECT_EQ(p.ip.identification, static_cast<std::uint16_t>(first_id + i));
-    }
-
-    // The client, moved to the second port, gets later replies from there,
-    // even with line noise, a bad escape and a frame with a bad sum ahead of it.
-    std::string noise = "\x01\x02garbage\xC0\xC0\xDB\x41junk\xC0" + std::string(39, 'z') + "\xC0";
-    write_all(dl.fd, noise.data(), noise.size());
-    dl.send(p.ip.ipaddr_src, p.udp.port_src, 6330, "after noise");
-    ASSERT_TRUE(udp_recv(c1.fd, &got, 5000, &from));
-    EXPECT_EQ(got, "after noise");
-    EXPECT_EQ(from, ports[1]);
-
-    // A reply to an address no client used is dropped, but dumped at -vv.
-    dl.send(0x0A010203, line_port(999), 5330, "nobody");
-    EXPECT_TRUE(r.proc->wait_for_err("QRD:192.168.1.50:5330->10.1.2.3:999:", 5000));
-    EXPECT_FALSE(udp_recv(c1.fd, &got, 300));
-    EXPECT_FALSE(udp_recv(c2.fd, &got, 300));
-    EXPECT_TRUE(r.alive());
-}
-
-TEST(Relay, HeaderAndDumpLines) {
-    auto ports = two_ports();
-    char host[6];
-    snprintf(host, sizeof host, "%05d", ports[0]);
-    std::string payload(33, '\xab'), full;
-    payload[32] = '\x01';
-    for (int i = 0; i < 32; i++) full += " ab";
-    for (std::string flag : {"-vv", "-vvv"}) {
-        Relay r(ports, flag);
-        Datalogger dl(r.line.master);
+// Each level's whole log for one exchange; options do not add up, the last wins.
+TEST(Relay, EachLevelWritesItsWholeLog) {
+    const S ask = S(32, '\xab') + "\x01", answer = "\x10";
+    for (auto [args, level] : std::vector<std::pair<Lines, int>>{
+             {{}, 0}, {{"-vv", "-v"}, 1}, {{"-vvv", "-vv"}, 2}, {{"-v", "-vvv"}, 3}}) {
+        Relay r(args);
         Client c;
-        dlframe::Parsed p{};
-        relay_to_datalogger(dl, c.fd, ports[0], payload, &p);
-        dl.send(p.ip.ipaddr_src, p.udp.port_src, 5330, "\x10");
-        std::string got, cl = "127.0.0.1:" + std::to_string(c.port);
-        ASSERT_TRUE(udp_recv(c.fd, &got, 5000));
-        ASSERT_TRUE(r.proc->wait_for_err("UWR: 10", 5000));
-        std::string err = r.proc->err();
-        for (const std::string &line : std::vector<std::string>{
-                 "URD:" + cl + "->" + host + ":\n", "URD:" + full + "\n", "URD: 01\n", "URD:\n",
-                 "QWR:" + cl + "->192.168.1.50:5330:\n", "QRD:192.168.1.50:5330->" + cl + ":\n",
-                 "QRD: 10\n", "UWR:" + std::string(host) + "->" + cl + ":\n", "UWR:\n"})
-            EXPECT_NE(err.find(line), std::string::npos) << flag << " lacks " << line;
-        // Only -vvv raises the endpoints to their own dumps.
-        EXPECT_EQ(err.find("UDP_DEBUG: ") != std::string::npos, flag == "-vvv");
-        EXPECT_EQ(err.find("SLS:") != std::string::npos, flag == "-vvv");
+        udp_send_to(c.fd, r.ports[0], ask);
+        Datagram d = r.next();
+        ASSERT_EQ(d.payload, ask);
+        r.reply(d, answer);
+        ASSERT_EQ(c.recv(), answer);
+        char host[8];
+        snprintf(host, sizeof host, "%05d", r.ports[0]);
+        S cl = "127.0.0.1:" + std::to_string(c.port), p0 = std::to_string(r.ports[0]);
+        S p1 = std::to_string(r.ports[1]);
+        Lines want = {kBanner}, started = {"q330_read_thread", "q330_write_thread"}, starts, own;
+        // The summary lists the host ports in ascending text order.
+        Lines rows = {p0 + " -> 5330", p1 + " -> 6330"};
+        if (p1 < p0) std::swap(rows[0], rows[1]);
+        if (level > 0) want = summary({{"device", r.line.slave_path}, {"baud", "115200"}}, rows);
+        for (S t : {"udp_read_thread(", "udp_write_thread("})
+            started = started + Lines{t + p0 + ")", t + p1 + ")"};
+        for (S &s : started) s = "korvane_run_" + s + ": Starting...";
+        std::sort(started.begin(), started.end());
+        for (auto [header, bytes] : std::vector<std::array<S, 2>>{
+                 {"URD:" + cl + "->" + host + ":", ask},
+                 {"QWR:" + cl + "->192.168.1.50:5330:", ask},
+                 {"QRD:192.168.1.50:5330->" + cl + ":", answer},
+                 {"UWR:" + S(host) + "->" + cl + ":", answer}})
+            if (level > 1) want = want + Lines{header} + dump(header.substr(0, 4), bytes);
+        // The endpoints' own dumps and the frame dumps of level 3 come among the others.
+        Lines log = log_of(r.proc->err(), &starts);
+        std::erase_if(log, [&](const S &l) {
+            bool mine = l.starts_with("debug: ") || l.starts_with("SLS:") || l.starts_with("SLR:");
+            return mine && (own.push_back(l), true);
+        });
+        EXPECT_EQ(log, want) << level;
+        EXPECT_EQ(starts, level > 0 ? started : Lines{}) << level;
+        EXPECT_EQ(own.empty(), level < 3) << level;
     }
 }
 
-TEST(Relay, NoTranslationsAndSignals) {
-    Relay r({}, "-vv");
-    Datalogger dl(r.line.master);
-    ASSERT_TRUE(r.proc->wait_for_err("korvane_run_q330_write_thread: Starting...", 10000));
-    usleep(200000);
-    dl.send(kLoopback, 4000, 5330, "unrouted");
-    EXPECT_TRUE(r.proc->wait_for_err("QRD: 75 6e 72 6f 75 74 65 64", 5000));
+// Frames carry the client as their sender; each reply goes back to its client
+// through the host port that client used last, and nowhere when none used it.
+TEST(Relay, RepliesFollowEachClientsLastPort) {
+    Relay r({"-vv"});
+    Client c1, c2;
+    S big(1024, '\0');
+    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
+    // END and ESC pass whole; identification counts up by one per frame.
+    const std::vector<std::pair<Client *, S>> sent = {
+        {&c1, "ask 1"}, {&c2, "ask 2"}, {&c1, S("\xC0\xDB\xC0 x \xDB", 6)}, {&c1, big},
+        {&c1, "to B"}};
+    Datagram d;
+    for (size_t i = 0; i < sent.size(); i++) {
+        std::uint16_t id = d.id, q330 = i < 4 ? 5330 : 6330;
+        udp_send_to(sent[i].first->fd, r.ports[i < 4 ? 0 : 1], sent[i].second);
+        d = r.next();
+        EXPECT_EQ(d.payload, sent[i].second);
+        EXPECT_EQ(std::tuple(d.src, d.dst, d.sport, d.dport, d.frag, d.ttl),
+                  std::tuple(kLoopback, kLogger, line_port(sent[i].first->port), q330,
+                             std::uint16_t(0x4000), std::uint8_t(255)));
+        EXPECT_TRUE(i == 0 || d.id == std::uint16_t(id + 1)) << d.id << " after " << id;
+    }
+    // Two clients behind one port, and the first one since moved to the second.
+    r.send(kLoopback, line_port(c2.port), "for c2");
+    r.send(0x0A010203, line_port(999), "nobody");
+    r.reply(d, "for c1");
+    int from1 = 0, from2 = 0;
+    EXPECT_EQ(std::pair(c2.recv(5000, &from2), from2), std::pair(S("for c2"), r.ports[0]));
+    EXPECT_EQ(std::pair(c1.recv(5000, &from1), from1), std::pair(S("for c1"), r.ports[1]));
+    EXPECT_EQ(c2.recv(0), "<none>");
+    // Dumped all the same, before it was found to have no route.
+    EXPECT_TRUE(r.proc->wait_for_err("QRD:192.168.1.50:5330->10.1.2.3:999:\n", 5000));
+}
+
+// Empty and oversize datagrams are dropped; the others arrive, in order.
+TEST(Relay, EmptyAndOversizeDatagramsAreDropped) {
+    Relay r({"-v"});
+    Client c;
+    const Lines good = {"one", S(1024, 'x'), "end"};
+    for (const S &g : good)
+        for (const S &text : {S(), S(1025, 'y'), S(4000, 'z'), g})
+            udp_send_to(c.fd, r.ports[0], text);
+    for (const S &g : good) ASSERT_EQ(r.next().payload, g);
+    EXPECT_EQ(r.proc->wait_exit(0), -1);
+}
+
+// 30,000 senders from six loopback addresses: the newest 4,096 keep their
+// routes, a client that keeps sending keeps its own, and memory stays flat;
+// line noise and an oversize frame then change none of that, nor do SIGPIPE
+// and SIGALRM. Nothing is logged at level 0; SIGTERM ends it at once.
+TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
+    constexpr int kSenders = 30000, kRoutes = 4096, kLegitEvery = 3000;
+    Relay r({}, host_ports(1));
+    Client legit;
+    Datagram last;
+    auto exchange = [&](const S &text) {
+        udp_send_to(legit.fd, r.ports[0], text);
+        last = r.next();
+        ASSERT_EQ(last.payload, text);
+        r.reply(last, "re " + text);
+        EXPECT_EQ(legit.recv(), "re " + text);
+    };
+    exchange("hello");
     for (int sig : {SIGPIPE, SIGALRM}) kill(r.proc->pid, sig);
-    usleep(300000);
-    EXPECT_TRUE(r.alive());
-    EXPECT_EQ(r.proc->err().find("Return from pause"), std::string::npos);
-
-    for (int sig : {SIGINT, SIGTERM}) {
-        Relay s(two_ports(), "-v");
-        ASSERT_TRUE(s.proc->wait_for_err("Starting...", 10000));
-        EXPECT_EQ(s.proc->stop(sig), 128 + sig);
-        EXPECT_EQ(s.proc->err().find("haltbysignal"), std::string::npos);
+    long rss = r.proc->rss_kib();
+    // The newest sender to lose its route and the oldest to keep it stay open:
+    // {socket, host, port}.
+    std::map<int, std::array<int, 3>> kept = {{kSenders - kRoutes, {}},
+                                              {kSenders - kRoutes + 1, {}}};
+    for (int sent = 0, tried = 0; sent < kSenders;) {
+        if (sent % kLegitEvery == 0) exchange("still here " + std::to_string(sent));
+        // 100 at a time: what the relay's receive buffer surely holds.
+        for (int end = sent + 100; sent < end; tried++) {
+            int host = kLoopback + 1 + tried % 6, port = 40000 + tried / 6;
+            int fd = udp_socket_at(host, port);
+            if (fd < 0) continue;
+            udp_send_to(fd, r.ports[0], "f");
+            if (kept.count(sent)) kept[sent] = {fd, host, port};
+            else close(fd);
+            sent++;
+        }
+        int seen = 0;
+        while (seen < 100 && r.next().payload == "f") seen++;
+        ASSERT_EQ(seen, 100) << "flood datagrams lost before " << sent;
     }
+    for (auto &[i, s] : kept) r.send(s[1], line_port(s[2]), "to " + std::to_string(i));
+    S got;
+    auto &[oldest, host, port] = kept[kSenders - kRoutes + 1];
+    ASSERT_TRUE(udp_recv(oldest, &got, 5000));
+    EXPECT_FALSE(udp_recv(kept[kSenders - kRoutes][0], &got, 0)) << "evicted too late";
+    // A reply counts as a use: a newcomer now takes the place of the sender after it.
+    Client newcomer;
+    udp_send_to(newcomer.fd, r.ports[0], "f");
+    ASSERT_EQ(r.next().payload, "f");
+    r.send(host, line_port(port), "again");
+    EXPECT_TRUE(udp_recv(oldest, &got, 5000)) << "a reply did not keep the route";
+    exchange("after the flood");
+    EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
+    // No END in the noise: one endless frame, then a 5,000-byte one; then
+    // replies to the client and to nobody, 1,000 of each, every one freed.
+    S noise(16 * 1024, '\0');
+    for (size_t i = 0; i < noise.size(); i++) noise[i] = static_cast<char>((i * 2654435761u) >> 13);
+    std::replace(noise.begin(), noise.end(), '\xC0', '\x41');
+    r.write(noise);
+    r.send(kLoopback, line_port(legit.port), S(5000 - 28, 'n'));
+    for (int i = 0; i < 1000; i += 100) {
+        for (int j = 0; j < 100; j++) r.reply(last, "r"), r.send(0x0A010203, line_port(999), "x");
+        for (int j = 0; j < 100; j++) ASSERT_EQ(legit.recv(30000), "r");
+    }
+    EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
+    for (auto &[i, s] : kept) close(s[0]);
+    EXPECT_EQ(r.proc->stop(SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(log_of(r.proc->err()), Lines{kBanner});
 }
 
-TEST(Relay, MissingDeviceEndsWithTheWholeChain) {
-    Relay r({}, "", "/nonexistent/ttyQ330");
-    ASSERT_EQ(r.proc->wait_exit(20000), 1);
-    EXPECT_EQ(missing_in_order(r.proc->err(),
-                               {"serialbuf_open: open('/nonexistent/ttyQ330') error. (No such file",
-                                "udp_open: serialbuf_open() error.", "udp_read: udp_open(0) error.",
-                                "fatal: korvane_run_q330_read_thread: udp_read() error."}),
-              "")
-        << r.proc->err();
+// With the line stopped, one datagram is in the writer's hands, ten wait in
+// the queue and one more for room in it; once the line moves, all arrive.
+TEST(Relay, TenWaitForAStoppedLine) {
+    Relay r({"-vv"}, host_ports(1));
+    Client c;
+    udp_send_to(c.fd, r.ports[0], "open");
+    ASSERT_EQ(r.next().payload, "open");
+    ASSERT_EQ(tcflow(r.line.slave, TCOOFF), 0);
+    for (int i = 10; i < 30; i++) udp_send_to(c.fd, r.ports[0], "burst " + std::to_string(i));
+    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21")[0] + "\n", 10000));
+    usleep(500000);
+    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22")[0] + "\n", 0));
+    ASSERT_EQ(tcflow(r.line.slave, TCOON), 0);
+    for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
 }
 
-// A burst from clients that the line cannot carry at once waits in the
-// queues instead of being lost.
-TEST(Relay, BurstOverASlowLineLosesNothing) {
-    Child sim({KORVANE_BUILD_DIR "/dlsim", "--baud", "1200"}, "/tmp");
-    ASSERT_TRUE(sim.wait_for_out("\n", 10000));
-    std::string out = sim.out();  // "dlsim: line PATH"
-    auto ports = two_ports();
-    Relay r(ports, "", out.substr(12, out.find('\n') - 12));
-    RunResult ping = run_program({KORVANE_BUILD_DIR "/dlping", "-c", "40", "-s", "16", "-i", "0",
-                                  "-W", "60000", "127.0.0.1:" + std::to_string(ports[0])},
-                                 "/tmp", 120000);
-    EXPECT_EQ(ping.status, 0) << ping.out << ping.err;
-    // Replies came back in the order sent.
-    int last = -1;
-    const std::regex seq_re("seq=([0-9]+)");
-    for (std::sregex_iterator it(ping.out.begin(), ping.out.end(), seq_re), end; it != end; ++it)
-        EXPECT_EQ(std::stoi((*it)[1]), ++last);
-    EXPECT_EQ(last, 39);
-    EXPECT_TRUE(r.alive());
+// A host port held by another program, a line whose far end closes, and
+// SIGINT end the relay: the first two with status 1 and the messages naming
+// the cause, the signal at once and silently.
+TEST(Relay, Ends) {
+    int port = fixed_udp_port(), holder = udp_socket_at(INADDR_ANY, port);
+    Relay held({}, {port});
+    EXPECT_EQ(held.proc->wait_exit(10000), 1);
+    S p = std::to_string(port);
+    EXPECT_EQ(log_of(held.proc->err()),
+              (Lines{kBanner, "udp_open: bind() error. (Address already in use)",
+                     "udp_read: udp_open(" + p + ") error.",
+                     "fatal: korvane_run_udp_read_thread: udp_read(" + p + ") error."}));
+    close(holder);
+    Relay cut({}, host_ports(1)), stopped({}, host_ports(1));
+    Client c;  // once the line carries a frame, it is open
+    udp_send_to(c.fd, cut.ports[0], "x");
+    ASSERT_EQ(cut.next().payload, "x");
+    close(cut.line.master);
+    cut.line.master = -1;
+    EXPECT_EQ(cut.proc->wait_exit(5000), 1);
+    EXPECT_EQ(log_of(cut.proc->err()).back(),
+              "fatal: korvane_run_q330_read_thread: udp_read() error.");
+    EXPECT_EQ(stopped.proc->stop(SIGINT), 128 + SIGINT);
+    EXPECT_EQ(log_of(stopped.proc->err()), Lines{kBanner});
 }

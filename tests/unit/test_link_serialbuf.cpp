@@ -1,184 +1,352 @@
-// The byte-stream link on a real pseudo-terminal and on loopback TCP.
-#include <arpa/inet.h>
+// The byte-stream link and its modem dialogue, on a pseudo-terminal whose master plays the far end
+// (a datalogger, or a modem whose replies wait in the line) and on loopback TCP.
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <termios.h>
+#include <unistd.h>
 
-#include <string>
-#include <thread>
-#include <vector>
+#include <cstdarg>
+#include <filesystem>
+#include <optional>
 
 #include "link/serialbuf.h"
 #include "support/elog.h"
 #include "testutil.h"
 
-namespace {
-
-// Expects part among the calling thread's registered messages, which are emptied.
-void expect_registered(const std::string &part) {
-    testing::internal::CaptureStderr();
-    elog_clear_register(1);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(part), std::string::npos) << part;
+// A pseudo-terminal has no modem lines (the query fails, which counts as carrier present); while
+// carrier_down is set, the query answers as a real line whose carrier has dropped.
+static bool carrier_down = false;
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list ap;
+    va_start(ap, request);
+    void *arg = va_arg(ap, void *);
+    va_end(ap);
+    if (request == TIOCMGET && carrier_down) return *static_cast<int *>(arg) = 0;
+    return static_cast<int>(syscall(SYS_ioctl, fd, request, arg));
 }
 
-std::string get_bytes(SerialBuf *b, int n) {
+// Values gathered left to right (a braced list fixes the order), e.g. a result before the log. An
+// lvalue is read only when the tuple is built, after every call: +x reads it in its turn.
+#define ALL(...) (std::tuple{__VA_ARGS__})
+
+namespace {
+using Lines = std::vector<std::string>;
+const std::nullptr_t no = nullptr;
+const std::string kBusy = "serialbuf_process_rec_strings: busy signal detected.\n",
+                  kEof = "serialbuf_get_byte: eof.\n", kSent = "serialbuf_send_modem_string: ",
+                  kStep = "serialbuf_connect: serialbuf_send_modem_string(";
+
+// The calling thread's registered messages as logged, without time stamp and program name; emptied.
+// Given captured log lines, the same of those.
+std::string registered(std::string all = "") {
+    if (all.empty()) testing::internal::CaptureStderr(), elog_clear_register(1);
+    if (all.empty()) all = testing::internal::GetCapturedStderr();
     std::string out;
-    unsigned char c;
-    for (int i = 0; i < n && serialbuf_get_byte(b, &c, 0) == 0; i++) out += static_cast<char>(c);
+    for (size_t at = 0, end, text; (end = all.find('\n', at)) != all.npos; at = end + 1)
+        text = all.find(": ", at + 24) + 2, out += all.substr(text, end + 1 - text);
     return out;
 }
+std::string get(SerialBuf *b, size_t n, int intr = 0) {
+    std::string out;
+    for (unsigned char c; out.size() < n && serialbuf_get_byte(b, &c, intr) == 0;) out += char(c);
+    return out;
+}
+std::string ok(int n) { return n ? "OK\r\n" + ok(n - 1) : ""; }
+long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-// A serial link b on a pseudo-terminal (the master plays the far end), and what its callbacks saw.
-struct SerialLink : testing::Test {
-    testutil::PtyPair pty;
+// A serial link b on a pseudo-terminal, and what its callbacks saw (the idle callback returns 3 on
+// its call number stop_at). A modem's replies are fed ahead; what it was sent is read afterwards.
+struct Link : testing::Test {
+    std::optional<testutil::PtyPair> pty{std::in_place};
     SerialBuf *b = nullptr;
+    int stop_at = 0, bytes[3] = {};  // bytes by direction: 1 written, 2 read
     std::vector<int> idle;
-    std::vector<std::string> lines;
-    int stop_at = 0, bytes[3] = {}, calls[3] = {};  // by direction: 1 written, 2 read
-
-    static int on_idle(void *u, int timed_out) {
-        auto *t = static_cast<SerialLink *>(u);
-        t->idle.push_back(timed_out);
-        return static_cast<int>(t->idle.size()) == t->stop_at ? 3 : 0;
+    Lines lines;
+    static Link &of(void *u) { return *static_cast<Link *>(u); }
+    static int on_idle(void *u, int t) {
+        return of(u).idle.push_back(t), int(of(u).idle.size()) == of(u).stop_at ? 3 : 0;
     }
-    static int on_line(void *u, void *, char *line, int) {
-        static_cast<SerialLink *>(u)->lines.emplace_back(line);
-        return 0;
-    }
-    static int on_rate(void *u, int direction, int n) {
-        auto *t = static_cast<SerialLink *>(u);
-        t->bytes[direction] += n;  // the reader and the writer each touch their own
-        t->calls[direction]++;
-        return 0;
-    }
-    void make(int baud, int size, int timeout, int sleep = 0, int flow = 0) {
+    static int on_line(void *u, void *, char *s, int) { return of(u).lines.emplace_back(s), 0; }
+    static int on_rate(void *u, int direction, int n) { return of(u).bytes[direction] += n, 0; }
+    // modem: -1 none, 0 driven by strings, 1 with control lines.
+    void make(int timeout, int modem = -1, int baud = 9600, int flow = 0, int size = 256) {
         serialbuf_destroy(b);
-        b = serialbuf_create_serial(pty.slave_path.c_str(), baud, flow, size, timeout, sleep, 1,
+        b = serialbuf_create_serial(pty->slave_path.c_str(), baud, flow, size, timeout, 0, 1,
                                     on_idle, this, on_line, this, nullptr, on_rate, this);
-        idle.clear();
+        if (modem >= 0)
+            serialbuf_set_modem_control(b, modem, 3000, "ATZ\r", "ATH\r", "ATS0=1\r", "ATS0=0\r",
+                                        "ATDT", "\r", "OK", "RING", "BUSY", "CONNECT", "NO CARRIER");
     }
-    void TearDown() override { serialbuf_destroy(b); }
+    void feed(const std::string &s) { testutil::write_all(pty->master, s.data(), s.size()); }
+    std::string sent() { return testutil::read_for(pty->master, 100, 2000); }
+    void TearDown() override { serialbuf_destroy(b), elog_clear_register(0), carrier_down = false; }
 };
 
 }  // namespace
 
-// The speeds cycle through the device's RTS/CTS and the flow asked: open never switches RTS/CTS.
-TEST_F(SerialLink, OpensRawAtTheEightSpeedsAndRefusesOthers) {
-    const unsigned speeds[][2] = {{1200, B1200},   {2400, B2400},   {4800, B4800},
-                                  {9600, B9600},   {19200, B19200}, {38400, B38400},
-                                  {57600, B57600}, {115200, B115200}};
-    for (int i = 0; i < 8; i++) {
-        const unsigned rtscts = i % 2, code = speeds[i][1];
-        termios t{};
-        tcgetattr(pty.slave, &t);
-        t.c_cc[VEOF] = 7;  // open changes no control character but VMIN and VTIME
-        t.c_cflag = rtscts ? (t.c_cflag | CRTSCTS) : (t.c_cflag & ~CRTSCTS);
-        tcsetattr(pty.slave, TCSANOW, &t);
-        make(static_cast<int>(speeds[i][0]), 64, 1000, 0, i / 2 % 2);
-        ASSERT_EQ(serialbuf_open(b), 0);
-        EXPECT_EQ(b->state, 2);
-        tcgetattr(pty.slave, &t);
-        EXPECT_EQ((std::vector<unsigned>{cfgetospeed(&t), cfgetispeed(&t), t.c_iflag & 0xffff,
-                                         t.c_oflag & 0xffff, t.c_cflag & 0xffff,
-                                         t.c_lflag & 0xffff, t.c_cc[VMIN], t.c_cc[VTIME],
-                                         t.c_cc[VEOF], (t.c_cflag & CRTSCTS) != 0}),
-                  (std::vector<unsigned>{code, code, IGNBRK, 0, code | CS8 | CREAD | CLOCAL,
-                                         NOFLSH, 0, 1, 7, rtscts}))
-            << speeds[i][0];
+// Only the low 16 bits of each mode word change, so RTS/CTS stays as the device had it, whatever
+// flow asks; the speed goes in through the library. A modem with lines (the last row) gets no
+// CLOCAL, and its disconnect drops the speed to 0. Refusals leave no descriptor behind.
+TEST_F(Link, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
+    const long fds = open_fds();
+    const std::pair<int, speed_t> speeds[] = {{1200, B1200},   {2400, B2400},   {4800, B4800},
+                                              {9600, B9600},   {19200, B19200}, {38400, B38400},
+                                              {57600, B57600}, {115200, B115200}};
+    termios t{};
+    for (unsigned i = 0; i < 8; i++) {
+        tcgetattr(pty->slave, &t);
+        t.c_cflag = i % 2 ? (t.c_cflag | CRTSCTS) : (t.c_cflag & ~CRTSCTS);
+        tcsetattr(pty->slave, TCSANOW, &t);
+        make(1000, i == 7 ? 1 : -1, speeds[i].first, i / 2 % 2);
+        EXPECT_EQ(ALL(serialbuf_open(b), tcgetattr(pty->slave, &t), b->flow, cfgetospeed(&t),
+                      cfgetispeed(&t), t.c_iflag & 0xffff, t.c_oflag & 0xffff,
+                      t.c_cflag & 0xffff & ~CBAUD, t.c_lflag & 0xffff, t.c_cc[VMIN], t.c_cc[VTIME],
+                      (t.c_cflag & CRTSCTS) != 0),
+                  ALL(0, 0, int(i / 2 % 2), speeds[i].second, speeds[i].second, tcflag_t(IGNBRK),
+                      0u, tcflag_t(CS8 | CREAD | (i == 7 ? 0 : CLOCAL)), tcflag_t(NOFLSH), cc_t(0),
+                      cc_t(1), i % 2 == 1));
     }
-    for (int baud : {300, 230400}) {
-        make(baud, 64, 1000);
-        EXPECT_EQ(serialbuf_open(b), -1);
-        EXPECT_EQ(std::pair(b->fd, b->state), std::pair(-1, 1));
-        expect_registered("serialbuf_open: invalid baudrate " + std::to_string(baud));
+    b->state = 3;  // without commands only the lines drop
+    free(std::exchange(b->attention_string, nullptr)), free(std::exchange(b->hangup_string, nullptr));
+    const int null = open("/dev/null", O_RDWR);
+    EXPECT_EQ(ALL(serialbuf_disconnect(b), tcgetattr(pty->slave, &t), cfgetospeed(&t), b->state,
+                  serialbuf_hangup(null), serialbuf_isoffhook(null), close(null)),
+              ALL(0, 0, speed_t(B0), 2, -1, 0, 0));
+    const std::tuple<const char *, int, std::string> refused[] = {
+        {"", 300, "serialbuf_open: invalid baudrate 300\n"},
+        {"", 230400, "serialbuf_open: invalid baudrate 230400\n"},
+        {"/dev/null", 9600,
+         "serialbuf_open: ioctl('/dev/null') TCGETA error. (Inappropriate ioctl for device)\n"},
+        {nullptr, 9600, "serialbuf_open: open('(null)') error. (No such file or directory)\n"}};
+    for (auto &[dev, baud, message] : refused) {
+        serialbuf_destroy(b);
+        b = serialbuf_create_serial(dev && !*dev ? pty->slave_path.c_str() : dev, baud, 0, 64, 0, 0,
+                                    1, no, no, no, no, no, no, no);
+        EXPECT_EQ(ALL(serialbuf_open(b), b->fd, b->state, registered()), ALL(-1, -1, 1, message));
     }
+    serialbuf_destroy(std::exchange(b, nullptr));
+    EXPECT_EQ(open_fds(), fds);
 }
 
-TEST_F(SerialLink, HandsOutBytesInOrderAcrossRefillsDumpsThemAndWritesRaw) {
-    make(115200, 8, 5000, 50000);  // the pause lets each short write arrive in one read
+// Dumps of what is read; text lines that span reads of 8 (a long one grows its buffer at 254);
+// raw writes; the byte counts told to the callback.
+TEST_F(Link, HandsOutBytesInOrderAcrossRefillsDumpsThemAndWritesRaw) {
+    make(5000, -1, 115200, 0, 8);
     ASSERT_EQ(serialbuf_connect(b, 0, nullptr), 0);
-    const std::pair<int, std::string> modes[] = {{1, "reading 5 bytes: AT\\r\\n\n"}, {2, "AT\r\n"}};
-    for (const auto &[mode, expected] : modes) {
-        b->rverbose = mode;
-        testutil::write_all(pty.master, "AT\r\n\x01", 5);
+    for (const auto &[mode, dump] : {std::pair{1, "reading 5 bytes: AT\\r\\n\n"}, {2, "AT\r\n"}}) {
+        b->rverbose = mode, feed("AT\r\n\x01");
         testing::internal::CaptureStdout();
-        std::string got = get_bytes(b, 5);  // the bytes, then what was dumped
-        EXPECT_EQ(got + testing::internal::GetCapturedStdout(), "AT\r\n\x01" + expected);
+        EXPECT_EQ(ALL(get(b, 5), testing::internal::GetCapturedStdout()), ALL("AT\r\n\x01", dump));
     }
-    b->rverbose = 3;  // lines span reads of 8; empty ones are not logged; a long one grows
-    b->sleep = 0;
-    const std::string longline(300, 'x'), text = "OK\r\nHELLO\t\x02\n" + longline;
-    testutil::write_all(pty.master, text.data(), text.size());
-    EXPECT_EQ(get_bytes(b, 312), text);
-    EXPECT_EQ(lines, (std::vector<std::string>{"OK", "HELLO\t"}));
-    EXPECT_EQ(std::pair(b->line_size, std::string(b->line)), std::pair(512, longline));
-    std::string in(2000, '\0'), out(2000, '\0');
-    for (size_t i = 0; i < in.size(); i++) in[i] = char('a' + i % 26), out[i] = char(0xc0 + i % 28);
-    testutil::write_all(pty.master, in.data(), in.size());
-    std::thread writer([&] {  // one reader and one writer at once
-        for (size_t i = 0; i < out.size(); i += 100) serialbuf_write(b, out.data() + i, 100);
-    });
-    EXPECT_EQ(get_bytes(b, 2000), in);
-    writer.join();
-    EXPECT_EQ(testutil::read_at_least(pty.master, out.size(), 5000), out);  // raw: escapes too
-    EXPECT_EQ(std::tuple(bytes[2], bytes[1], idle.size()), std::tuple(2322, 2000, 0u));
-    EXPECT_GE(calls[2], 2322 / 8);  // never more than the buffer's 8 bytes a read
+    b->rverbose = 3;
+    const std::string text = "OK\r\nHELLO\t\x02\n" + std::string(253, 'x');
+    feed(text);
+    EXPECT_EQ(ALL(get(b, text.size()), +b->line_size, (feed("y"), get(b, 1)), lines, b->line_size,
+                  std::string(b->line), serialbuf_write(b, "\xc0\0", 2),
+                  testutil::read_at_least(pty->master, 2, 5000), bytes[1], bytes[2]),
+              ALL(text, 256, "y", Lines{"OK", "HELLO\t"}, 512, std::string(253, 'x') + "y", 2,
+                  std::string("\xc0\0", 2), 2, 10 + 266));
 }
 
-TEST_F(SerialLink, SilenceCountsWholeSecondsAndTheIdleCallbackCanEndTheWait) {
-    unsigned char c = 0;
-    for (auto [timeout, waits] : {std::pair{2500, 3}, std::pair{1000, 1}}) {
-        make(9600, 64, timeout);
-        ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
-        EXPECT_EQ(serialbuf_get_byte(b, &c, 2), 1);
-        EXPECT_EQ(idle, std::vector<int>(waits, 1)) << timeout;
-        expect_registered("serialbuf_get_byte: timeout.");
-        testutil::write_all(pty.master, "Z", 1);  // the link still works afterwards
-        EXPECT_EQ(get_bytes(b, 1), "Z");
-    }
-    make(9600, 64, 0);  // no time-out: it waits on until the callback says 3
-    stop_at = 3;
-    ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
-    long long t0 = testutil::now_ms();
-    EXPECT_EQ(serialbuf_get_byte(b, &c, 1), 3);
-    EXPECT_GE(testutil::now_ms() - t0, 1500);  // three one-second waits, wide margin
-    EXPECT_EQ(idle, std::vector<int>(3, 0));
-    // In mode 1 it runs even when data waits, and 3 still wins; the byte stays for the next call.
-    testutil::write_all(pty.master, "Q", 1);
-    stop_at = 4;
-    EXPECT_EQ(serialbuf_get_byte(b, &c, 1), 3);
-    EXPECT_EQ(get_bytes(b, 1), "Q");
-}
-
-// Our client and server on loopback: talk, end of stream, close twice, bind again, reconnect.
-TEST(TcpLink, ClientAndServerTalkThenEndAndTheServerBindsAgain) {
-    const int port = testutil::free_tcp_port();
-    const std::nullptr_t no = nullptr;  // no callbacks
-    SerialBuf *server = serialbuf_create_tcpserver(port, 16, 5000, 1, no, no, no, no, no, no, no);
-    SerialBuf *client =
-        serialbuf_create_tcpclient("127.0.0.1", port, 16, 5000, 1, no, no, no, no, no, no, no);
+// Silence counts in whole seconds of this call; with a time-out of 0 only the idle callback ends
+// the wait (mode 1 calls it even when data waits). A vanished line (the master closed: a hang-up)
+// ends the read at once. Carrier loss replaces time-out and end of stream on a modem line only.
+TEST_F(Link, SilenceAndAVanishedLineEndTheRead) {
+    struct Row { int timeout, modem, intr, stop_at, code; bool gone; std::vector<int> idle; };
+    const std::pair<Row, std::string> rows[] = {
+        {{1500, 1, 2, 0, 1, false, {1, 1}}, "serialbuf_get_byte: timeout.\n"},
+        {{1000, 2, 0, 0, 4, false, {}}, "serialbuf_get_byte: no carrier detected.\n"},
+        {{0, 1, 1, 2, 3, false, {0, 0}}, ""},
+        {{0, 1, 1, 0, 2, true, {0}}, kEof},
+        {{0, 2, 1, 0, 4, true, {0}}, "serialbuf_get_byte: no carrier detected.\n"}};
+    carrier_down = true;
     unsigned char c;
-    for (int round = 0; round < 2; round++) {
-        ASSERT_EQ(serialbuf_open(server), 0);
-        EXPECT_EQ(serialbuf_get_byte(server, &c, 0), 4);  // open is not connected
-        expect_registered("serialbuf_get_byte: not connected.");
-        sockaddr_in bound{};
-        socklen_t len = sizeof bound;
-        getsockname(server->fdserver, reinterpret_cast<sockaddr *>(&bound), &len);
-        EXPECT_EQ(ntohs(bound.sin_port), port);  // not merely a port both sides got wrong alike
-        ASSERT_EQ(serialbuf_connect(client, 0, ""), 0);  // waits in the backlog until accepted
-        ASSERT_EQ(serialbuf_connect(server, 0, ""), 0);
-        EXPECT_EQ(serialbuf_write(client, "A", 1), 1);
-        EXPECT_EQ(get_bytes(server, 1), "A");
-        EXPECT_EQ(serialbuf_write(server, "hi", 2), 2);
-        EXPECT_EQ(serialbuf_disconnect(server), 0);
-        EXPECT_GE(server->fdserver, 0);  // the listening socket stays for the next client
-        EXPECT_EQ(get_bytes(client, 3), "hi");
-        expect_registered("serialbuf_get_byte: eof.");
-        EXPECT_EQ(serialbuf_get_byte(client, &c, 0), 2);
-        EXPECT_EQ(serialbuf_close(server) + serialbuf_close(server) + serialbuf_close(client), 0);
-        EXPECT_EQ(std::pair(client->fd, server->fdserver), std::pair(-1, -1));
+    for (const auto &[row, message] : rows) {
+        pty.emplace();
+        make(row.timeout);
+        ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
+        std::tie(b->modem_control, stop_at) = ALL(row.modem, row.stop_at);
+        if (row.gone) close(std::exchange(pty->master, -1));
+        EXPECT_EQ(ALL(serialbuf_get_byte(b, &c, row.intr), std::exchange(idle, {}), registered()),
+                  ALL(row.code, row.idle, message));
     }
-    serialbuf_destroy(server);
-    serialbuf_destroy(client);
+    carrier_down = false;  // a line whose modem query fails counts as having carrier
+    EXPECT_EQ(ALL(get(b, 1), registered()), ALL("", kEof));
+    pty.emplace();
+    make(1000);
+    stop_at = 1;
+    EXPECT_EQ(ALL(serialbuf_connect(b, 0, ""), (feed("Q"), serialbuf_get_byte(b, &c, 1)), get(b, 1)),
+              ALL(0, 3, "Q"));
+}
+
+// A process that leads its own session, as under systemd, does not get the line as its controlling
+// terminal, so a hang-up sends it no SIGHUP: it lives to report end of stream.
+TEST_F(Link, AHungUpLineSendsNoSignal) {
+    make(0);
+    const pid_t child = fork();
+    if (child == 0) {  // the master stays with the parent alone, or closing it hangs up nothing
+        unsigned char c;
+        if (close(pty->master) || setsid() < 0 || serialbuf_connect(b, 0, "") ||
+            serialbuf_write(b, "R", 1) != 1)
+            _exit(99);
+        _exit(serialbuf_get_byte(b, &c, 0));
+    }
+    EXPECT_EQ(testutil::read_at_least(pty->master, 1, 10000), "R");
+    close(std::exchange(pty->master, -1));
+    int status = -1;
+    for (int i = 0; i < 100 && waitpid(child, &status, WNOHANG) == 0; i++) usleep(100000);
+    if (kill(child, SIGKILL) == 0) waitpid(child, &status, 0);  // only when it never ended
+    EXPECT_EQ(status, 2 << 8);  // exit status 2, end of stream
+}
+
+// Our client and server on loopback: talk, end of stream, close twice, bind again; driven by modem
+// strings, the server disconnects without a descriptor by sending and awaiting nothing. Refusals.
+TEST(TcpLink, ClientAndServerTalkEndAndBindAgain) {
+    const int port = testutil::free_tcp_port();
+    auto client = [&](const char *host) {
+        return serialbuf_create_tcpclient(host, port, 16, 1000, 2, no, no, no, no, no, no, no);
+    };
+    SerialBuf *s = serialbuf_create_tcpserver(port, 16, 1000, 2, no, no, no, no, no, no, no),
+              *x = serialbuf_create_tcpserver(port, 16, 1000, 2, no, no, no, no, no, no, no),
+              *c = client("127.0.0.1"), *nameless = client(nullptr);
+    EXPECT_EQ(ALL(c->com_mode, c->modem_control, c->port, std::string(c->ipaddr), c->state, c->size,
+                  c->timeout, c->timeout_connect, c->tries, c->fd, c->fdserver, c->next_bad,
+                  c->line_size, std::string(c->line), x->com_mode, x->modem_control, x->port,
+                  serialbuf_open(c), +c->fd, serialbuf_open(nameless), registered()),
+              ALL(2, 1, port, "127.0.0.1", 1, 16, 1000, 1000, 2, -1, -1, -1, 256, "", 3, 1, port, -1,
+                  -1, -1, "serialbuf_open: Can't connect to server (Connection refused)\n"
+                          "serialbuf_open: Can't locate server by name of '(null)'\n"));
+    for (int round = 0; round < 2; round++) {
+        EXPECT_EQ(ALL(serialbuf_open(s), serialbuf_open(x), x->fdserver, get(s, 1), registered(),
+                      serialbuf_connect(c, 0, ""), serialbuf_connect(s, 0, "")),  // from the backlog
+                  ALL(0, -1, -1, "", "serialbuf_open: bind() error. (Address already in use)\n"
+                                     "serialbuf_get_byte: not connected.\n", 0, 0));
+        serialbuf_set_modem_control(s, 0, 0, "ATZ\r", "ATH\r", no, no, no, no, "OK", no, no, no, no);
+        EXPECT_EQ(ALL(serialbuf_write(c, "A", 1), get(s, 1), serialbuf_write(s, "hi", 2),
+                      serialbuf_disconnect(s), s->fdserver >= 0, get(c, 3), registered(),
+                      serialbuf_clear_modem_control(s), serialbuf_close(s), serialbuf_close(s),
+                      serialbuf_close(c), c->fd, s->fdserver),
+                  ALL(1, "A", 2, 0, true, "hi", kEof, 0, 0, 0, 0, -1, -1));
+    }
+    using Call = int (*)(SerialBuf *);
+    const Call to_disconnect = serialbuf_disconnect;
+    const Call to_connect = [](SerialBuf *l) { return serialbuf_connect(l, 0, ""); };
+    const Call to_read = [](SerialBuf *l) { return get(l, 1).empty() ? -1 : 0; };
+    const int dir = open("/", O_RDONLY);
+    const std::tuple<int, int, int, Call, std::string> rows[] = {
+        {7, 1, -1, to_connect, "serialbuf_open: Illegal com_mode value '7'.\n"
+                               "serialbuf_connect: serialbuf_open() error.\n"},
+        {2, 9, -1, to_connect, "serialbuf_connect: Illegal state value '9'.\n"},
+        {7, 2, -1, to_connect, "serialbuf_connect: Illegal com_mode value '7'.\n"},
+        {7, 3, -1, to_connect, "serialbuf_disconnect: Illegal com_mode value '7'.\n"
+                               "serialbuf_connect: serialbuf_disconnect() error.\n"},
+        {2, 9, -1, to_disconnect, "serialbuf_disconnect: Illegal state value '9'.\n"},
+        {3, 2, -1, to_connect, "serialbuf_connect: accept() error. (Bad file descriptor)\n"},
+        {2, 3, 999, to_read, "serialbuf_get_byte: fdwait() error.\n"},
+        {2, 3, dir, to_read, "serialbuf_get_byte: serialbuf_read() error. (Is a directory)\n"}};
+    for (auto &[com_mode, state, fd, call, message] : rows) {
+        std::tie(x->com_mode, x->state, x->fd, x->fdserver, errno) = ALL(com_mode, state, fd, -1, EDOM);
+        EXPECT_EQ(ALL(call(x), registered()), ALL(-1, message));  // errno: a stray text would show
+    }
+    std::tie(x->state, x->fd, c->busy_rec_string_ptr, c->offhook_rec_string_ptr) = ALL(1, close(dir) - 1, 2, 3);
+    EXPECT_EQ(ALL(serialbuf_set_modem_control(c, 1, 7, "AT", no, no, no, no, no, no, no, no, no, no),
+                  registered(), +c->modem_control,
+                  serialbuf_set_modem_control(c, 0, 7, "AT", no, no, no, no, no, no, no, "BUSY", no,
+                                              "NO CARRIER"),
+                  c->modem_control, c->timeout_connect, std::string(c->attention_string),
+                  c->busy_rec_string_size, c->busy_rec_string_ptr, c->offhook_rec_string_size,
+                  c->offhook_rec_string_ptr),
+              ALL(-1, "serialbuf_set_modem_control: Cannot set local mode for non-serial buffer.\n",
+                  1, 0, 3, 7, "AT", 4, 0, 10, 0));
+    for (SerialBuf *l : {s, x, c, nameless}) serialbuf_destroy(l);
+}
+
+// Commands: a pause, retries after junk or a late reply, a malformed pause, the dump; replies are
+// awaited in order with NULs ignored; the busy and carrier-loss matcher; close forgets it all.
+TEST_F(Link, ModemCommandsAndReplies) {
+    make(5000, 0);
+    ASSERT_EQ(serialbuf_open(b), 0);
+    EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "AT\r", "OK", 2), registered()),
+              ALL(4, "serialbuf_get_byte: not connected.\n"));  // merely open
+    b->state = 3;  // as connect leaves it
+    const long long t0 = (feed(ok(1)), testutil::now_ms());
+    EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "ATZ<sl=1000500>ATE0\r", "OK", 2),
+                  testutil::now_ms() - t0 >= 1000), ALL(0, true));  // the pause
+    std::tie(b->timeout, std::ignore) = ALL(0, (feed("xxx"), 0));  // a reply is always too late
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "AT\r", "OK", 2),
+                  registered(testing::internal::GetCapturedStderr()), registered()),
+              ALL(1, "warning: " + kSent + "timeout...retrying\nwarning: " + kSent +
+                         "timeout...retrying\n", kSent + "timeout.\n"));
+    std::tie(b->timeout, b->sleep) = ALL(5, 20000);  // the reply starts 20 ms late
+    EXPECT_EQ(ALL((feed("OK"), serialbuf_send_modem_string(b, "AT\r", "OK", 0)), registered()),
+              ALL(1, kSent + "timeout.\n"));
+    std::tie(b->timeout, b->sleep, b->wverbose) = ALL(1000, 0, 1);
+    testing::internal::CaptureStdout();  // a leading pause writes an empty piece first
+    EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "AT<sl=5", "OK", 2), registered(),
+                  serialbuf_send_modem_string(b, "<sl=1000>AT\r", nullptr, 2),
+                  testing::internal::GetCapturedStdout(), sent()),
+              ALL(-1, kSent + "string format error.\n", 0,
+                  "writing 0 bytes: \nwriting 3 bytes: AT\\r\n", "ATZATE0\rAT\rAT\rAT\rAT\rAT\r"));
+    feed(std::string("CONNECTyO\0KzCONNECT!", 20) + "abcdefOKghOKxyEND!");  // "K" is left over
+    char value[5] = "junk";
+    EXPECT_EQ(ALL(serialbuf_read_until(b, "~OK~~CONNECT"), get(b, 1),
+                  serialbuf_read_until_parse(b, nullptr, value, 5), std::string(value),
+                  serialbuf_read_until_parse(b, "OK", value, 5), std::string(value),
+                  serialbuf_read_until_parse(b, "OK~END", value, 5), std::string(value), get(b, 1)),
+              ALL(0, "!", 0, "", 0, "cdef", 0, "xy", "!"));
+    std::string matched;  // a repeated B is forgiven, a broken BU is not; no modem, no matching
+    for (char m : std::string("BBUSY\r\nBUBUSY~BUSY"))
+        matched += m == '~' ? char('0' + serialbuf_clear_modem_control(b))
+                            : char('0' + serialbuf_process_rec_strings(b, m));
+    EXPECT_EQ(ALL(matched, registered()), ALL("000050000000000000", kBusy));
+    b->modem_control = 3;  // the R is delivered all the same; the rest of the read is dropped
+    EXPECT_EQ(ALL((feed("NO CARRIER\r\nrest"), get(b, 20)), b->state, b->occupied, registered()),
+              ALL("NO CARRIE", 2, 0, "serialbuf_process_rec_strings: no carrier detected.\n"));
+    b->state = 3, feed("xyz"), get(b, 1);
+    std::tie(b->busy_rec_string_ptr, b->offhook_rec_string_ptr, b->next_bad) = ALL(2, 3, 7);
+    EXPECT_EQ(ALL(serialbuf_close(b), serialbuf_close(b), b->state, b->fd, b->ptr, b->occupied,
+                  b->busy_rec_string_ptr, b->offhook_rec_string_ptr, b->next_bad),
+              ALL(0, 0, 1, -1, 0, 0, 0, 0, -1));
+}
+
+// The dialogue as the modem sees it. Dialling and the reply after a ring are allowed
+// timeout_connect, not the read time-out; failures come back with their codes and name their step.
+TEST_F(Link, DialsOutAndAnswers) {
+    make(1000, 0, 9600, 0, 1);  // one byte a read: a hang-up discards nothing fed for later
+    ASSERT_EQ(serialbuf_open(b), 0);
+    feed(ok(2) + "NO CARRIER\r\nOK\r\nCONNECT 9600\r\n");  // no carrier loss before the call
+    EXPECT_EQ(ALL(serialbuf_connect(b, 0, "5551234"), b->state, b->rverbose, b->connecting, sent()),
+              ALL(0, 3, 0, 0, "ATZ\rATH\rATS0=0\rATDT5551234\r"));
+    feed(ok(5) + "BUSY\r\nBUSY\r\n" + ok(3) + "CONNECT\r\n" + ok(8));  // connected: hangs up first
+    EXPECT_EQ(ALL(serialbuf_connect(b, 0, "556"), registered(), b->timeout_connect = 0,
+                  serialbuf_connect(b, 0, "5"), registered(), b->timeout,
+                  serialbuf_connect(b, 0, nullptr), lines),  // nothing to dial: connected as is
+              ALL(5, kBusy + kBusy + kSent + "read_until() error.\n" + kStep + "ATDT556\r) line busy.\n",
+                  0, 1, kSent + "timeout.\n" + kStep + "ATDT5\r) timeout.\n", 1000, 0,
+                  Lines{"OK", "OK", "NO CARRIER", "OK", "CONNECT", "OK", "OK", "OK", "BUSY", "BUSY",
+                        "OK", "OK", "OK", "CONNECT", "OK", "OK"}));
+    free(std::exchange(b->dialout_string_prefix, nullptr));
+    EXPECT_EQ(ALL(serialbuf_connect(b, 0, "555"), sent()),
+              ALL(0, "ATZ\rATH\rATZ\rATH\rATS0=0\rATDT556\rATDT556\rATZ\rATH\rATS0=0\rATDT5\rATDT5\r"
+                     "ATZ\rATH\rATS0=0\rATZ\rATH\rATZ\rATH\rATS0=0\r"));
+    feed(ok(5) + "RING\r\nCONNECT\r\n" + ok(5) + "RING\r\nCONNECT\r\n" + ok(3) + "BUSY\r\n" + ok(3));
+    b->timeout_connect = 5000;
+    EXPECT_EQ(ALL(serialbuf_connect(b, 1, nullptr), +b->state,
+                  b->timeout_connect = 0, serialbuf_connect(b, 1, nullptr), registered(), +b->state,
+                  serialbuf_connect(b, 1, nullptr), registered(), stop_at = 2,
+                  serialbuf_connect(b, 1, nullptr), registered(), idle, b->timeout, sent()),
+              ALL(0, 3, 0, 1, "serialbuf_connect: serialbuf_read_until(connect_rec_string) error.\n",
+                  2, 5, kBusy + "serialbuf_connect: serialbuf_read_until_intr(ring_rec_string) error.\n",
+                  2, 3, "", std::vector<int>{1, 1}, 1000,
+                  "ATZ\rATH\rATZ\rATH\rATS0=1\rATZ\rATH\rATZ\rATH\rATS0=1\rATZ\rATH\rATS0=1\r"
+                  "ATZ\rATH\rATS0=1\r"));
+    free(std::exchange(b->attention_string, nullptr)), free(std::exchange(b->hangup_string, nullptr));
+    close(std::exchange(pty->master, -1));  // the line goes: the no-listen step fails with -1
+    EXPECT_EQ(ALL(serialbuf_connect(b, 0, "5"), registered()),
+              ALL(-1, kEof + kEof + kEof + kSent + "read_until() error.\n" + kStep +
+                          "nolisten_string) error.\n"));
 }

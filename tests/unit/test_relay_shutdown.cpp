@@ -1,76 +1,72 @@
-// The orderly shutdown routine, which the relay keeps but connects to no
-// signal: run in a child process against real threads on a real line and
-// real sockets, it must stop them and exit 0 whatever the number of ports.
+// What the relay binary cannot show: the orderly shutdown routine, kept but
+// connected to no signal, which in a child process, against real threads on a
+// real line and real sockets, must stop them and exit 0 whatever the number of
+// ports; and the hex dump given a prefix longer than any the relay uses.
 #include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "net/udp.h"
 #include "relay/korvane.h"
 #include "support/containers.h"
-#include "support/pmtfifo.h"
 #include "testutil.h"
 
-// The routine joins only the second port's threads and leaves the others to
-// end by themselves, unjoined; that is its design, not a leak to report.
+// It joins only the second port's threads and leaves the others to end by
+// themselves, unjoined; that is its design, not a leak to report.
 extern "C" const char *__tsan_default_options() { return "report_thread_leaks=0"; }
 
-namespace {
-
-void on_sigint(int) {}
-
-// Brings the relay up on a pseudo-terminal with n port translations and
-// then shuts it down as a signal handler would.
-void run_and_halt(int nports) {
+// The relay on a pseudo-terminal with n ports, shut down as a handler would
+// (after a call as if a shutdown had begun, which must return at once); its
+// SIGINT to the datalogger reader is survived only with a handler.
+static void run_and_halt(int nports) {
+    myshutdown = 1;
+    haltbysignal(SIGTERM);
+    myshutdown = 0;
     testutil::PtyPair line;
-    // The routine breaks the datalogger reader's wait with SIGINT, which
-    // only a process that handles SIGINT survives.
     struct sigaction sa = {};
-    sa.sa_handler = on_sigint;
+    sa.sa_handler = [](int) {};
     sigaction(SIGINT, &sa, nullptr);
-
-    memset(&korvane, 0, sizeof korvane);
     korvane.dev = strdup(line.slave_path.c_str());
-    korvane.baud = 19200;
     korvane.q330_ip_address = strdup("192.168.1.50");
+    korvane.baud = 19200;
     korvane.ports = newtbl(1);
-    korvane.ports_arr = newarr(nullptr);
-    pthread_mutex_init(&korvane.ports_mutex, nullptr);
-    for (int i = 0; i < nports; i++) {
-        KorvanePort *port = static_cast<KorvanePort *>(calloc(1, sizeof(KorvanePort)));
-        port->qpr = &korvane;
-        port->host_port = testutil::free_udp_port();
-        port->q330_port = 5330 + i;
-        settbl(korvane.ports, -1, port);
-    }
+    for (int i = 0; i < nports; i++)
+        settbl(korvane.ports, -1,
+               new KorvanePort{&korvane, testutil::fixed_udp_port(), 5330, {}, {}, {}, {}});
     verbose = 1;
     korvane_start(&korvane);
     usleep(300000);  // let every thread reach its wait
     haltbysignal(SIGINT);
 }
 
-}  // namespace
-
 TEST(ShutdownDeathTest, StopsThreadsAndExitsZero) {
-    // The threadsafe style re-executes the test program, which qemu-user
-    // cannot do without the kernel knowing the foreign binary format; there
-    // the fast style forks instead, safe because this process has started no
-    // thread of its own yet.
+    // qemu-user cannot re-execute the test program; there the fast style
+    // forks instead, safe while this process has no thread of its own yet.
     GTEST_FLAG_SET(death_test_style, getenv("KORVANE_QEMU") ? "fast" : "threadsafe");
-    const char *done = "haltbysignal: received signal #2=SIGINT: Interrupt...Shutting down"
-                       "(.|\n)*korvane_run_q330_read_thread: Exiting"
-                       "(.|\n)*korvane_run_q330_write_thread: Exiting"
-                       "(.|\n)*haltbysignal: halted by signal #2";
-    // No port, one port (there is no second entry to join), and three ports
-    // (only the second one is ever reached).
+    const char *done =
+        "haltbysignal: received signal #2=SIGINT: Interrupt...Shutting down\n.*"
+        "haltbysignal: Killing korvane...\n.*haltbysignal: waiting for threads to exit...\n"
+        "(.|\n)*korvane_run_q330_read_thread: Exiting(.|\n)*korvane_run_q330_write_thread: Exiting"
+        "(.|\n)*haltbysignal: halted by signal #2\n";
+    // No second port to join, one, and three (only the second is reached).
     for (int nports : {0, 1, 3})
         EXPECT_EXIT(run_and_halt(nports), testing::ExitedWithCode(0), done) << nports << " ports";
 }
 
-TEST(Shutdown, SecondCallReturnsAtOnce) {
-    myshutdown = 1;
-    haltbysignal(SIGTERM);  // would exit the test program if it went on
-    myshutdown = 0;
-    SUCCEED();
+// The dump writes any prefix whole, however long, and never past a buffer.
+TEST(Dump, AnyPrefixWhole) {
+    const std::string prefix(300, 'p');
+    unsigned char bytes[33] = {0xab};
+    bytes[32] = 0x01;
+    testing::internal::CaptureStderr();
+    udp_dump(prefix.c_str(), bytes, 33);
+    udp_dump("x:", bytes, 32);  // a whole line, then the prefix alone
+    std::string full = " ab";
+    for (int i = 1; i < 32; i++) full += " 00";
+    EXPECT_EQ(testutil::log_lines(testing::internal::GetCapturedStderr()),
+              (std::vector<std::string>{"unit_relay_shutdown: " + prefix + full,
+                                        "unit_relay_shutdown: " + prefix + " 01",
+                                        "unit_relay_shutdown: " + prefix,
+                                        "unit_relay_shutdown: x:" + full,
+                                        "unit_relay_shutdown: x:"}));
 }
