@@ -1,5 +1,4 @@
-// The byte-stream link and its modem dialogue, on a pseudo-terminal whose master plays the far end
-// (a datalogger, or a modem whose replies wait in the line) and on loopback TCP.
+// The link and its modem dialogue on a pseudo-terminal (the master plays the far end) and on TCP.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -16,20 +15,18 @@
 #include "support/elog.h"
 #include "testutil.h"
 
-// A pseudo-terminal has no modem lines (the query fails, which counts as carrier present); while
-// carrier_down is set, the query answers as a real line whose carrier has dropped.
+// A pty has no modem lines (the query fails: carrier present); carrier_down fakes a dropped one.
 static bool carrier_down = false;
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list ap;
     va_start(ap, request);
-    void *arg = va_arg(ap, void *);
+    void *arg = va_arg(ap, void *);  // every request passed on carries one pointer or none
     va_end(ap);
     if (request == TIOCMGET && carrier_down) return *static_cast<int *>(arg) = 0;
     return static_cast<int>(syscall(SYS_ioctl, fd, request, arg));
 }
 
-// Values gathered left to right (a braced list fixes the order), e.g. a result before the log. An
-// lvalue is read only when the tuple is built, after every call: +x reads it in its turn.
+// Values taken left to right (a braced list fixes the order); an lvalue x is read last, +x in turn.
 #define ALL(...) (std::tuple{__VA_ARGS__})
 
 namespace {
@@ -40,25 +37,21 @@ const std::string kBusy = "serialbuf_process_rec_strings: busy signal detected.\
                   kStep = "serialbuf_connect: serialbuf_send_modem_string(";
 
 // The calling thread's registered messages as logged, without time stamp and program name; emptied.
-// Given captured log lines, the same of those.
-std::string registered(std::string all = "") {
-    if (all.empty()) testing::internal::CaptureStderr(), elog_clear_register(1);
-    if (all.empty()) all = testing::internal::GetCapturedStderr();
-    std::string out;
+std::string registered() {
+    testing::internal::CaptureStderr(), elog_clear_register(1);
+    std::string all = testing::internal::GetCapturedStderr(), out;
     for (size_t at = 0, end, text; (end = all.find('\n', at)) != all.npos; at = end + 1)
         text = all.find(": ", at + 24) + 2, out += all.substr(text, end + 1 - text);
     return out;
 }
-std::string get(SerialBuf *b, size_t n, int intr = 0) {
-    std::string out;
+std::string get(SerialBuf *b, size_t n, int intr = 0, std::string out = "") {
     for (unsigned char c; out.size() < n && serialbuf_get_byte(b, &c, intr) == 0;) out += char(c);
     return out;
 }
 std::string ok(int n) { return n ? "OK\r\n" + ok(n - 1) : ""; }
 long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-// A serial link b on a pseudo-terminal, and what its callbacks saw (the idle callback returns 3 on
-// its call number stop_at). A modem's replies are fed ahead; what it was sent is read afterwards.
+// A link b on a pty and what its callbacks saw (the idle callback says 3 on call number stop_at).
 struct Link : testing::Test {
     std::optional<testutil::PtyPair> pty{std::in_place};
     SerialBuf *b = nullptr;
@@ -88,18 +81,15 @@ struct Link : testing::Test {
 }  // namespace
 
 // Only the low 16 bits of each mode word change, so RTS/CTS stays as the device had it, whatever
-// flow asks; the speed goes in through the library. A modem with lines (the last row) gets no
-// CLOCAL, and its disconnect drops the speed to 0. Refusals leave no descriptor behind.
+// flow asks. A modem with lines (last row) gets no CLOCAL; its disconnect drops the speed to 0.
 TEST_F(Link, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
     const long fds = open_fds();
     const std::pair<int, speed_t> speeds[] = {{1200, B1200},   {2400, B2400},   {4800, B4800},
                                               {9600, B9600},   {19200, B19200}, {38400, B38400},
                                               {57600, B57600}, {115200, B115200}};
     termios t{};
-    for (unsigned i = 0; i < 8; i++) {
-        tcgetattr(pty->slave, &t);
-        t.c_cflag = i % 2 ? (t.c_cflag | CRTSCTS) : (t.c_cflag & ~CRTSCTS);
-        tcsetattr(pty->slave, TCSANOW, &t);
+    for (unsigned i = 0; i < 8 && tcgetattr(pty->slave, &t) == 0; i++) {
+        t.c_cflag = i % 2 ? t.c_cflag | CRTSCTS : t.c_cflag & ~CRTSCTS, tcsetattr(pty->slave, TCSANOW, &t);
         make(1000, i == 7 ? 1 : -1, speeds[i].first, i / 2 % 2);
         EXPECT_EQ(ALL(serialbuf_open(b), tcgetattr(pty->slave, &t), b->flow, cfgetospeed(&t),
                       cfgetispeed(&t), t.c_iflag & 0xffff, t.c_oflag & 0xffff,
@@ -118,8 +108,8 @@ TEST_F(Link, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
     const std::tuple<const char *, int, std::string> refused[] = {
         {"", 300, "serialbuf_open: invalid baudrate 300\n"},
         {"", 230400, "serialbuf_open: invalid baudrate 230400\n"},
-        {"/dev/null", 9600,
-         "serialbuf_open: ioctl('/dev/null') TCGETA error. (Inappropriate ioctl for device)\n"},
+        {"/dev/null", 9600, "serialbuf_open: ioctl('/dev/null') TCGETA error. (Inappropriate ioctl "
+                            "for device)\n"},
         {nullptr, 9600, "serialbuf_open: open('(null)') error. (No such file or directory)\n"}};
     for (auto &[dev, baud, message] : refused) {
         serialbuf_destroy(b);
@@ -131,8 +121,7 @@ TEST_F(Link, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
     EXPECT_EQ(open_fds(), fds);
 }
 
-// Dumps of what is read; text lines that span reads of 8 (a long one grows its buffer at 254);
-// raw writes; the byte counts told to the callback.
+// Dumps; text lines spanning reads of 8 (a long one grows at 254); raw writes; the byte counts.
 TEST_F(Link, HandsOutBytesInOrderAcrossRefillsDumpsThemAndWritesRaw) {
     make(5000, -1, 115200, 0, 8);
     ASSERT_EQ(serialbuf_connect(b, 0, nullptr), 0);
@@ -151,9 +140,8 @@ TEST_F(Link, HandsOutBytesInOrderAcrossRefillsDumpsThemAndWritesRaw) {
                   std::string("\xc0\0", 2), 2, 10 + 266));
 }
 
-// Silence counts in whole seconds of this call; with a time-out of 0 only the idle callback ends
-// the wait (mode 1 calls it even when data waits). A vanished line (the master closed: a hang-up)
-// ends the read at once. Carrier loss replaces time-out and end of stream on a modem line only.
+// Silence counts in whole seconds; with a time-out of 0 only the idle callback ends the wait. A
+// vanished line (master closed) ends it at once. Carrier loss counts on a modem line only.
 TEST_F(Link, SilenceAndAVanishedLineEndTheRead) {
     struct Row { int timeout, modem, intr, stop_at, code; bool gone; std::vector<int> idle; };
     const std::pair<Row, std::string> rows[] = {
@@ -165,8 +153,7 @@ TEST_F(Link, SilenceAndAVanishedLineEndTheRead) {
     carrier_down = true;
     unsigned char c;
     for (const auto &[row, message] : rows) {
-        pty.emplace();
-        make(row.timeout);
+        pty.emplace(), make(row.timeout);
         ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
         std::tie(b->modem_control, stop_at) = ALL(row.modem, row.stop_at);
         if (row.gone) close(std::exchange(pty->master, -1));
@@ -175,25 +162,19 @@ TEST_F(Link, SilenceAndAVanishedLineEndTheRead) {
     }
     carrier_down = false;  // a line whose modem query fails counts as having carrier
     EXPECT_EQ(ALL(get(b, 1), registered()), ALL("", kEof));
-    pty.emplace();
-    make(1000);
-    stop_at = 1;
+    pty.emplace(), make(1000), stop_at = 1;  // mode 1 calls back even when data waits
     EXPECT_EQ(ALL(serialbuf_connect(b, 0, ""), (feed("Q"), serialbuf_get_byte(b, &c, 1)), get(b, 1)),
               ALL(0, 3, "Q"));
 }
 
-// A process that leads its own session, as under systemd, does not get the line as its controlling
-// terminal, so a hang-up sends it no SIGHUP: it lives to report end of stream.
+// A session leader (as under systemd) does not get the line as its terminal: no SIGHUP on hang-up.
 TEST_F(Link, AHungUpLineSendsNoSignal) {
     make(0);
     const pid_t child = fork();
-    if (child == 0) {  // the master stays with the parent alone, or closing it hangs up nothing
-        unsigned char c;
-        if (close(pty->master) || setsid() < 0 || serialbuf_connect(b, 0, "") ||
-            serialbuf_write(b, "R", 1) != 1)
-            _exit(99);
-        _exit(serialbuf_get_byte(b, &c, 0));
-    }
+    unsigned char c;  // the child lets the parent alone hold the master: its close hangs up
+    if (child == 0)
+        _exit(close(pty->master) || setsid() < 0 || serialbuf_connect(b, 0, "") ||
+                      serialbuf_write(b, "R", 1) != 1 ? 99 : serialbuf_get_byte(b, &c, 0));
     EXPECT_EQ(testutil::read_at_least(pty->master, 1, 10000), "R");
     close(std::exchange(pty->master, -1));
     int status = -1;
@@ -202,16 +183,14 @@ TEST_F(Link, AHungUpLineSendsNoSignal) {
     EXPECT_EQ(status, 2 << 8);  // exit status 2, end of stream
 }
 
-// Our client and server on loopback: talk, end of stream, close twice, bind again; driven by modem
-// strings, the server disconnects without a descriptor by sending and awaiting nothing. Refusals.
+// Talk, end of stream, bind again; with no descriptor a modem server hangs up sending nothing.
 TEST(TcpLink, ClientAndServerTalkEndAndBindAgain) {
     const int port = testutil::free_tcp_port();
     auto client = [&](const char *host) {
         return serialbuf_create_tcpclient(host, port, 16, 1000, 2, no, no, no, no, no, no, no);
     };
-    SerialBuf *s = serialbuf_create_tcpserver(port, 16, 1000, 2, no, no, no, no, no, no, no),
-              *x = serialbuf_create_tcpserver(port, 16, 1000, 2, no, no, no, no, no, no, no),
-              *c = client("127.0.0.1"), *nameless = client(nullptr);
+    auto server = [&] { return serialbuf_create_tcpserver(port, 16, 1000, 2, no, no, no, no, no, no, no); };
+    SerialBuf *s = server(), *x = server(), *c = client("127.0.0.1"), *nameless = client(nullptr);
     EXPECT_EQ(ALL(c->com_mode, c->modem_control, c->port, std::string(c->ipaddr), c->state, c->size,
                   c->timeout, c->timeout_connect, c->tries, c->fd, c->fdserver, c->next_bad,
                   c->line_size, std::string(c->line), x->com_mode, x->modem_control, x->port,
@@ -231,41 +210,25 @@ TEST(TcpLink, ClientAndServerTalkEndAndBindAgain) {
                       serialbuf_close(c), c->fd, s->fdserver),
                   ALL(1, "A", 2, 0, true, "hi", kEof, 0, 0, 0, 0, -1, -1));
     }
-    using Call = int (*)(SerialBuf *);
-    const Call to_disconnect = serialbuf_disconnect;
-    const Call to_connect = [](SerialBuf *l) { return serialbuf_connect(l, 0, ""); };
-    const Call to_read = [](SerialBuf *l) { return get(l, 1).empty() ? -1 : 0; };
-    const int dir = open("/", O_RDONLY);
-    const std::tuple<int, int, int, Call, std::string> rows[] = {
-        {7, 1, -1, to_connect, "serialbuf_open: Illegal com_mode value '7'.\n"
-                               "serialbuf_connect: serialbuf_open() error.\n"},
-        {2, 9, -1, to_connect, "serialbuf_connect: Illegal state value '9'.\n"},
-        {7, 2, -1, to_connect, "serialbuf_connect: Illegal com_mode value '7'.\n"},
-        {7, 3, -1, to_connect, "serialbuf_disconnect: Illegal com_mode value '7'.\n"
-                               "serialbuf_connect: serialbuf_disconnect() error.\n"},
-        {2, 9, -1, to_disconnect, "serialbuf_disconnect: Illegal state value '9'.\n"},
-        {3, 2, -1, to_connect, "serialbuf_connect: accept() error. (Bad file descriptor)\n"},
-        {2, 3, 999, to_read, "serialbuf_get_byte: fdwait() error.\n"},
-        {2, 3, dir, to_read, "serialbuf_get_byte: serialbuf_read() error. (Is a directory)\n"}};
-    for (auto &[com_mode, state, fd, call, message] : rows) {
+    const int dir = open("/", O_RDONLY);  // bad descriptors, and a server with no listening socket
+    const std::tuple<int, int, int, std::string> rows[] = {
+        {3, 2, -1, "serialbuf_connect: accept() error. (Bad file descriptor)\n"},
+        {2, 3, 999, "serialbuf_get_byte: fdwait() error.\n"},
+        {2, 3, dir, "serialbuf_get_byte: serialbuf_read() error. (Is a directory)\n"}};
+    for (auto &[com_mode, state, fd, message] : rows) {
         std::tie(x->com_mode, x->state, x->fd, x->fdserver, errno) = ALL(com_mode, state, fd, -1, EDOM);
-        EXPECT_EQ(ALL(call(x), registered()), ALL(-1, message));  // errno: a stray text would show
+        EXPECT_EQ(ALL(state == 2 ? serialbuf_connect(x, 0, "") : get(x, 1).empty() ? -1 : 0,
+                      registered()), ALL(-1, message));  // errno set: a stray error text would show
     }
-    std::tie(x->state, x->fd, c->busy_rec_string_ptr, c->offhook_rec_string_ptr) = ALL(1, close(dir) - 1, 2, 3);
+    std::tie(x->state, x->fd) = ALL(1, close(dir) - 1);
     EXPECT_EQ(ALL(serialbuf_set_modem_control(c, 1, 7, "AT", no, no, no, no, no, no, no, no, no, no),
-                  registered(), +c->modem_control,
-                  serialbuf_set_modem_control(c, 0, 7, "AT", no, no, no, no, no, no, no, "BUSY", no,
-                                              "NO CARRIER"),
-                  c->modem_control, c->timeout_connect, std::string(c->attention_string),
-                  c->busy_rec_string_size, c->busy_rec_string_ptr, c->offhook_rec_string_size,
-                  c->offhook_rec_string_ptr),
+                  registered(), c->modem_control, c->attention_string),
               ALL(-1, "serialbuf_set_modem_control: Cannot set local mode for non-serial buffer.\n",
-                  1, 0, 3, 7, "AT", 4, 0, 10, 0));
+                  1, nullptr));
     for (SerialBuf *l : {s, x, c, nameless}) serialbuf_destroy(l);
 }
 
-// Commands: a pause, retries after junk or a late reply, a malformed pause, the dump; replies are
-// awaited in order with NULs ignored; the busy and carrier-loss matcher; close forgets it all.
+// Commands with pauses and retries; replies in order, NULs ignored; the matcher; close forgets all.
 TEST_F(Link, ModemCommandsAndReplies) {
     make(5000, 0);
     ASSERT_EQ(serialbuf_open(b), 0);
@@ -275,12 +238,9 @@ TEST_F(Link, ModemCommandsAndReplies) {
     const long long t0 = (feed(ok(1)), testutil::now_ms());
     EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "ATZ<sl=1000500>ATE0\r", "OK", 2),
                   testutil::now_ms() - t0 >= 1000), ALL(0, true));  // the pause
-    std::tie(b->timeout, std::ignore) = ALL(0, (feed("xxx"), 0));  // a reply is always too late
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "AT\r", "OK", 2),
-                  registered(testing::internal::GetCapturedStderr()), registered()),
-              ALL(1, "warning: " + kSent + "timeout...retrying\nwarning: " + kSent +
-                         "timeout...retrying\n", kSent + "timeout.\n"));
+    b->timeout = 0, feed("xxx");  // a reply is then always too late
+    EXPECT_EQ(ALL(serialbuf_send_modem_string(b, "AT\r", "OK", 2), registered()),
+              ALL(1, kSent + "timeout.\n"));
     std::tie(b->timeout, b->sleep) = ALL(5, 20000);  // the reply starts 20 ms late
     EXPECT_EQ(ALL((feed("OK"), serialbuf_send_modem_string(b, "AT\r", "OK", 0)), registered()),
               ALL(1, kSent + "timeout.\n"));
@@ -313,8 +273,7 @@ TEST_F(Link, ModemCommandsAndReplies) {
               ALL(0, 0, 1, -1, 0, 0, 0, 0, -1));
 }
 
-// The dialogue as the modem sees it. Dialling and the reply after a ring are allowed
-// timeout_connect, not the read time-out; failures come back with their codes and name their step.
+// Dialling and the reply after a ring get timeout_connect, not the read time-out; failures' codes.
 TEST_F(Link, DialsOutAndAnswers) {
     make(1000, 0, 9600, 0, 1);  // one byte a read: a hang-up discards nothing fed for later
     ASSERT_EQ(serialbuf_open(b), 0);
@@ -324,11 +283,9 @@ TEST_F(Link, DialsOutAndAnswers) {
     feed(ok(5) + "BUSY\r\nBUSY\r\n" + ok(3) + "CONNECT\r\n" + ok(8));  // connected: hangs up first
     EXPECT_EQ(ALL(serialbuf_connect(b, 0, "556"), registered(), b->timeout_connect = 0,
                   serialbuf_connect(b, 0, "5"), registered(), b->timeout,
-                  serialbuf_connect(b, 0, nullptr), lines),  // nothing to dial: connected as is
+                  serialbuf_connect(b, 0, nullptr), lines.size()),  // nothing to dial: connected
               ALL(5, kBusy + kBusy + kSent + "read_until() error.\n" + kStep + "ATDT556\r) line busy.\n",
-                  0, 1, kSent + "timeout.\n" + kStep + "ATDT5\r) timeout.\n", 1000, 0,
-                  Lines{"OK", "OK", "NO CARRIER", "OK", "CONNECT", "OK", "OK", "OK", "BUSY", "BUSY",
-                        "OK", "OK", "OK", "CONNECT", "OK", "OK"}));
+                  0, 1, kSent + "timeout.\n" + kStep + "ATDT5\r) timeout.\n", 1000, 0, 16u));
     free(std::exchange(b->dialout_string_prefix, nullptr));
     EXPECT_EQ(ALL(serialbuf_connect(b, 0, "555"), sent()),
               ALL(0, "ATZ\rATH\rATZ\rATH\rATS0=0\rATDT556\rATDT556\rATZ\rATH\rATS0=0\rATDT5\rATDT5\r"
