@@ -62,10 +62,11 @@ struct Link : testing::Test {
     }
     static int on_line(void *u, void *, char *s, int) { return of(u).lines.emplace_back(s), 0; }
     static int on_rate(void *u, int direction, int n) { return of(u).bytes[direction] += n, 0; }
-    void make(int timeout, int modem = -1, int baud = 9600, int flow = 0, int size = 256) {
-        serialbuf_destroy(b);  // modem: -1 none, 0 driven by strings, 1 with control lines
-        b = serialbuf_create_serial(pty->slave_path.c_str(), baud, flow, size, timeout, 0, 1,
-                                    on_idle, this, on_line, this, nullptr, on_rate, this);
+    void make(int timeout, int modem = -1, int baud = 9600, int flow = 0, int size = 256,
+              const char *dev = "") {  // modem: -1 none, 0 driven by strings, 1 with lines
+        serialbuf_destroy(b);
+        b = serialbuf_create_serial(dev && !*dev ? pty->slave_path.c_str() : dev, baud, flow, size,
+                                    timeout, 0, 1, on_idle, this, on_line, this, no, on_rate, this);
         if (modem >= 0)
             serialbuf_set_modem_control(b, modem, 3000, "ATZ\r", "ATH\r", "ATS0=1\r", "ATS0=0\r",
                 "ATDT", "\r", "OK", "RING", "BUSY", "CONNECT", "NO CARRIER");
@@ -109,9 +110,7 @@ TEST_F(Link, OpensRawAtTheEightSpeedsRefusesTheRestAndHandsOutBytes) {
                             "for device)\n"},
         {nullptr, 9600, "serialbuf_open: open('(null)') error. (No such file or directory)\n"}};
     for (auto &[dev, baud, message] : refused) {
-        serialbuf_destroy(b);
-        b = serialbuf_create_serial(dev && !*dev ? pty->slave_path.c_str() : dev, baud, 0, 64, 0, 0,
-                                    1, no, no, no, no, no, no, no);
+        make(0, -1, baud, 0, 64, dev);
         EXPECT_EQ(ALL(serialbuf_open(b), b->fd, b->state, registered()), ALL(-1, -1, 1, message));
     }
     serialbuf_destroy(std::exchange(b, nullptr));
