@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <optional>
 #include <regex>
+
 #include "link/serialbuf.h"
 #include "support/elog.h"
 #include "testutil.h"
