@@ -244,12 +244,15 @@ TEST_F(Link, ModemCommandsRepliesAndTheDialogue) {
                   serialbuf_read_until_parse(b, "OK", value, 5), std::string(value),
                   serialbuf_read_until_parse(b, "OK~END", value, 5), std::string(value), get(b, 1)),
               ALL(0, "!", 0, "", 0, "cdef", 0, "xy", "!"));
-    std::string matched;  // a repeated B is forgiven, a broken BU is not; no modem, no matching
-    for (char m : std::string("BBUSY\r\nBUBUSY~BUSY"))
-        matched += m == '~' ? char('0' + serialbuf_clear_modem_control(b))
-                            : char('0' + serialbuf_process_rec_strings(b, m));
-    EXPECT_EQ(ALL(matched, registered()), ALL("000050000000000000", kBusy));
-    b->modem_control = 3;  // the R is delivered all the same; the rest of the read is dropped
+    std::string matched;  // a repeated B is forgiven, a broken BU is not; then without a busy
+    for (char m : std::string("BBUSY\r\nBUBUSY~B|BUSY"))  // reply, then without a modem: none
+        matched += char('0' + (m == '~' ? serialbuf_set_modem_control(b, 0, 0, "", "", "", "", "",
+                                                                   "", "", "", no, "", "NO CARRIER")
+                               : m == '|' ? serialbuf_clear_modem_control(b)
+                                          : serialbuf_process_rec_strings(b, m)));
+    EXPECT_EQ(ALL(matched, registered(), b->modem_control = 3),
+              ALL("00005000000000000000", kBusy, 3));
+    // The R is delivered all the same; the rest of the read is dropped.
     EXPECT_EQ(ALL((feed("NO CARRIER\r\nrest"), get(b, 20)), b->state, b->occupied, registered()),
               ALL("NO CARRIE", 2, 0, "serialbuf_process_rec_strings: no carrier detected.\n"));
     b->state = 3, feed("xyz"), get(b, 1);
