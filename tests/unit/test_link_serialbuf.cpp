@@ -238,12 +238,13 @@ TEST_F(Link, ModemCommandsRepliesAndTheDialogue) {
               ALL(-1, kSent + "string format error.\n", 0,
                   "writing 0 bytes: \nwriting 3 bytes: AT\\r\n", "ATZATE0\rAT\rAT\rAT\rAT\rAT\r"));
     feed(std::string("CONNECTyO\0KzCONNECT!", 20) + "abcdefOKghOKxyEND!");  // "K" is left over
-    char value[5] = "junk";
+    char value[9] = "junk\0XYZ";  // 5 bytes lent, then guard bytes
     EXPECT_EQ(ALL(serialbuf_read_until(b, "~OK~~CONNECT"), get(b, 1),
                   serialbuf_read_until_parse(b, nullptr, value, 5), std::string(value),
                   serialbuf_read_until_parse(b, "OK", value, 5), std::string(value),
-                  serialbuf_read_until_parse(b, "OK~END", value, 5), std::string(value), get(b, 1)),
-              ALL(0, "!", 0, "", 0, "cdef", 0, "xy", "!"));
+                  serialbuf_read_until_parse(b, "OK~END", value, 5), std::string(value), get(b, 1),
+                  std::string(value + 5, 3)),
+              ALL(0, "!", 0, "", 0, "cdef", 0, "xy", "!", "XYZ"));
     std::string matched;  // a repeated B is forgiven, a broken BU is not; then without a busy
     for (char m : std::string("BBUSY\r\nBUBUSY~B|BUSY"))  // reply, then without a modem: none
         matched += char('0' + (m == '~' ? serialbuf_set_modem_control(b, 0, 0, "", "", "", "", "",
