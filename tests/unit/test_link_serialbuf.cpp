@@ -174,8 +174,9 @@ TEST(TcpLink, ClientAndServerTalkEndAndBindAgain) {
     SerialBuf *s = tcp(3, no), *x = tcp(3, no), *c = tcp(2, "127.0.0.1"), *nameless = tcp(2, no);
     EXPECT_EQ(ALL(serialbuf_disconnect(c), serialbuf_open(c), c->fd, serialbuf_open(nameless),
                   c->next_bad, registered()),  // disconnecting what is not connected does nothing
-              ALL(0, -1, -1, -1, -1, "serialbuf_open: Can't connect to server (Connection refused)\n"
-                              "serialbuf_open: Can't locate server by name of '(null)'\n"));
+              ALL(0, -1, -1, -1, -1, "serialbuf_open: Can't connect to server (Connection "
+                                     "refused)\nserialbuf_open: Can't locate server by name of "
+                                     "'(null)'\n"));
     for (int round = 0; round < 2; round++) {
         EXPECT_EQ(ALL(serialbuf_open(s), serialbuf_open(x), x->fdserver, get(s, 1), registered(),
                       serialbuf_connect(c, 0, ""), serialbuf_connect(s, 0, "")),  // from backlog
