@@ -136,8 +136,8 @@ TEST_F(Link, OpensRawAtTheEightSpeedsRefusesTheRestAndHandsOutBytes) {
 TEST_F(Link, SilenceAndAVanishedLineEndTheReadWithoutAHangUpSignal) {
     struct Row { int timeout, modem, intr, stop_at, code; bool gone; std::vector<int> idle; };
     const std::pair<Row, std::string> rows[] = {
-        {{1500, 1, 2, 0, 1, false, {1, 1}}, "serialbuf_get_byte: timeout.\n"},
-        {{1000, 2, 0, 0, 4, false, {}}, kCarrier},
+        {{1001, 1, 2, 0, 1, false, {1, 1}}, "serialbuf_get_byte: timeout.\n"},
+        {{1000, 2, 2, 0, 4, false, {1}}, kCarrier},
         {{0, 1, 1, 2, 3, false, {0, 0}}, ""},
         {{0, 1, 1, 0, 2, true, {0}}, kEof},
         {{0, 2, 1, 0, 4, true, {0}}, kCarrier}};
