@@ -156,7 +156,7 @@ static int dial(SerialBuf *buf, const char *phone_number) {
 }
 
 int serialbuf_connect(SerialBuf *buf, int listen, const char *phone_number) {
-    if (connect_prepare(buf) < 0 || connect_accept(buf) < 0) return -1;
+    if (connect_prepare(buf) != 0 || connect_accept(buf) != 0) return -1;
     if (buf->modem_control != 1) {
         int ret = command_step(buf, buf->attention_string, "attention_string");
         if (ret == 0) ret = command_step(buf, buf->hangup_string, "hangup_string");
