@@ -64,7 +64,7 @@ TEST(Byteorder, EveryDocumentedMemberRoundTripsInItsByteOrder) {
 
 TEST(Byteorder, OutOfRangeSaturatesAndFailsAfterConvertingTheRest) {
     std::int32_t i32[] = {32767, -32768, 32768, -32769}, read = 0;
-    std::uint32_t u32[] = {65535, 65536};
+    std::uint32_t u32[] = {65535};
     float f32[] = {-5.0f, 1e10f};
     double f64[] = {2147483647.0, -2147483648.0, 2147483648.0, -2147483649.0, NAN, 3.9, -3.9, FLT_MAX, 1e300,
                     -1e300, INFINITY};
@@ -74,7 +74,6 @@ TEST(Byteorder, OutOfRangeSaturatesAndFailsAfterConvertingTheRest) {
         {"NaN is 0, not fitting", [&](auto c) { return hd2mi(f64 + 4, c, 1); }, -1, "00000000"},
         {"truncated toward zero", [&](auto c) { return hd2mi(f64 + 5, c, 2); }, 0, "00000003fffffffd"},
         {"beyond them saturate", [&](auto c) { return hi2ms(i32 + 2, c, 2); }, -1, "7fff8000"},
-        {"beyond it saturates", [&](auto c) { return uhi2ms(u32 + 1, c, 1); }, -1, "ffff"},
         {"negative into unsigned is 0", [&](auto c) { return uhf2mi(f32, c, 1); }, -1, "00000000"},
         {"beyond, saturated; infinity passes", [&](auto c) { return hd2mf(f64 + 8, c, 3); }, -1, "7f7fffffff7fffff7f800000"},
         {"a negative count moves nothing", [&](auto c) { return hi2mi(i32, c, -1) + umi2hi(c, u32, -1); }, 0, ""},
