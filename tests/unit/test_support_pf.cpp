@@ -25,7 +25,8 @@ static std::string look(Pf *pf, const char *name, int type, int required = 1) {
     if (type == PF_STRING && p) out = static_cast<char *>(p), free(p);
     if (Arr *arr = static_cast<Arr *>(type == PF_ARR ? p : nullptr); arr) {
         Tbl *keys = keysarr(arr);
-        for (int k = 0; k < maxtbl(keys); k++) out += std::string((char *)gettbl(keys, k)) + "=" + (char *)getarr(arr, (char *)gettbl(keys, k)) + " ";
+        for (int k = 0; k < maxtbl(keys); k++)
+            out += std::string((char *)gettbl(keys, k)) + "=" + (char *)getarr(arr, (char *)gettbl(keys, k)) + " ";
         freetbl(keys, nullptr), freearr(arr, free);
     }
     return out + (rc < 0 ? " failed: " : "") + registered();
@@ -36,7 +37,8 @@ TEST(Pf, SyntaxAndEveryLookupCode) {
         "\xEF\xBB\xBF# comment\r\ndefault {      # the relay's block\r\n  mode  slip\n  baud  19200\n\n"
         "  baud  38400  # the later one wins\n  port_translations {\n    5330   5330\n    10000  6330\n  }\n  lone\n}\n"
         "other {\n  note  \"keeps  blanks # and \\\"quotes\\\" \\\\ \"   # comment\n  nested { \n  }\n}\n"
-        "ints {\n a 0012\n b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n i 2147483648\n j -2147483649\n}\nflat  just a  value";
+        "ints {\n a 0012\n b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n i 2147483648\n"
+        " j -2147483649\n}\nflat  just a  value";
     Pf *pf = nullptr, *d = nullptr, *o = nullptr, *n = nullptr;
     ASSERT_EQ(pfparse_text(sample, "sample.pf", &pf), 0) << registered();
     ASSERT_EQ(parse_param(pf, "default", PF_BLOCK, 1, &d) + parse_param(pf, "other", PF_BLOCK, 1, &o) +
