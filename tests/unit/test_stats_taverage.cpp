@@ -73,6 +73,8 @@ TEST(TAverage, EventsExpireAndGrow) {
     EXPECT_EQ(get(avg, 1001.5, 10), (V{1001.5, 10, 2, 0}));  // 1002 is after the end
     put_at(avg, 1011, 0);  // 1000 is 11 s old and goes; 1001 is exactly 10 s old and stays
     EXPECT_EQ(std::pair(slots(avg, 4), guarded[100]), std::pair(V{1011, 1002, 1001, 0}, 1.0));
+    for (int i = 1; i <= 98; i++) put_at(avg, 1011 + i / 128.0, 0);  // 1001 goes; all 100 slots taken
+    EXPECT_EQ(get(avg, 1012, 1e6), (V{1012, 1e6, 100, 0}));
     avg->bins = own;
     for (int i = 1; i <= 101; i++) put_at(many, i, 0);  // the 101st finds no free slot: (int)(100*1.5)+1
     put_at(none, 5, 0);  // a negative window forgets even the put just made
