@@ -42,6 +42,7 @@ TEST(TAverage, BinnedPutsAndGets) {
         {"an end 2 ms after it lies in the next bin", 1030.002, 20.002, {1040, 30, 4, 4.0 / 30}},
         {"a far-off end and window: every bin", 1e12 + 1010, 1e12 + 1020, {1e12 + 1010, 1e12 + 1020, 15, 15 / (1e12 + 1020)}},
         {"a window from the newest bin's end on: nothing yet", 1030, 10, {1030, 10, 0, 0}},
+        {"a window wholly in the future: nothing", 1060, 20, {1060, 20, 0, 0}},
         {"a far-off past: nothing", -1e12, 10, {-1e12, 10, 0, 0}}};
     for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
