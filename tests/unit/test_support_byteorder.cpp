@@ -10,29 +10,31 @@ static std::set<std::string> exercised;
 
 // Values both sides hold exactly go out in the host's bytes, reversed where the member's order is not the
 // host's, and come back unchanged; nothing is written past them.
+template <typename T> static bool holds(double v) {
+    using L = std::numeric_limits<T>;
+    return v >= double(L::lowest()) && v <= double(L::max()) && double(T(v)) == v;
+}
 template <typename E, typename H, typename In, typename Out>
 static void round_trip(std::string in_name, std::string out_name, In in_fn, Out out_fn) {
     exercised.insert({in_name, out_name});
     std::vector<H> in, out;
-    for (double v : {0.0, 1.0, -1.0, -128.0, 127.0, 255.0, -32768.0, 65535.0, 2147483647.0, -2147483648.0, 4294967295.0,
-                     16777216.0, -2.25, 1e300})
-        if (v >= double(std::numeric_limits<E>::lowest()) && v <= double(std::numeric_limits<E>::max()) && double(E(v)) == v &&
-            v >= double(std::numeric_limits<H>::lowest()) && v <= double(std::numeric_limits<H>::max()) && double(H(v)) == v)
-            in.push_back(H(v));
+    for (double v : {0.0, 1.0, -1.0, -128.0, 127.0, 255.0, -32768.0, 32767.0, 65535.0, 2147483647.0, -2147483648.0,
+                     4294967295.0, 16777216.0, -2.25, double(FLT_MAX), 1e300})
+        if (holds<E>(v) && holds<H>(v)) in.push_back(H(v));
     std::vector<unsigned char> want, buf(in.size() * sizeof(E) + 1, 0xa5);
     for (H v : in) {
         auto bytes = std::bit_cast<std::array<unsigned char, sizeof(E)>>(E(v));
         if (in_name[in_name[0] == 'u'] == (std::endian::native == std::endian::little ? 'm' : 'v')) std::reverse(bytes.begin(), bytes.end());
         want.insert(want.end(), bytes.begin(), bytes.end());
     }
+    want.push_back(0xa5);
     unsigned char *cursor = buf.data();
-    EXPECT_EQ((std::vector<long>{out_fn(in.data(), &cursor, int(in.size())), cursor - buf.data(), buf.back()}),
-              (std::vector<long>{0, long(want.size()), 0xa5})) << out_name;
-    EXPECT_EQ(std::vector<unsigned char>(buf.begin(), buf.end() - 1), want) << out_name;
-    out.resize(in.size());
-    EXPECT_EQ((std::vector<long>{in_fn(&(cursor = buf.data()), out.data(), int(out.size())), cursor - buf.data()}),
-              (std::vector<long>{0, long(want.size())})) << in_name;
-    EXPECT_EQ(out, in) << in_name;
+    int rc = out_fn(in.data(), &cursor, int(in.size()));
+    using Put = std::tuple<int, long, std::vector<unsigned char>>;
+    EXPECT_EQ((Put{rc, cursor - buf.data(), buf}), (Put{0, long(want.size() - 1), want})) << out_name;
+    rc = (out.resize(in.size()), in_fn(&(cursor = buf.data()), out.data(), int(out.size())));
+    using Got = std::tuple<int, long, std::vector<H>>;
+    EXPECT_EQ((Got{rc, cursor - buf.data(), out}), (Got{0, long(want.size() - 1), in})) << in_name;
 }
 
 // One member and its writing twin; P is empty, or u for the unsigned ones.
@@ -62,22 +64,17 @@ TEST(Byteorder, EveryDocumentedMemberRoundTripsInItsByteOrder) {
 
 TEST(Byteorder, OutOfRangeSaturatesAndFailsAfterConvertingTheRest) {
     std::int32_t i32[] = {32767, -32768, 32768, -32769}, read = 0;
-    std::uint32_t u32[] = {65535, 65536};
+    std::uint32_t u32[] = {65535};
     float f32[] = {-5.0f, 1e10f};
     double f64[] = {2147483647.0, -2147483648.0, 2147483648.0, -2147483649.0, NAN, 3.9, -3.9, FLT_MAX, 1e300,
                     -1e300, INFINITY};
     struct Row { const char *behaviour; std::function<int(unsigned char **)> put; int rc; const char *hex; };
     const Row rows[] = {
-        {"the int limits fit", [&](auto c) { return hd2mi(f64, c, 2); }, 0, "7fffffff80000000"},
         {"beyond them saturate", [&](auto c) { return hd2mi(f64 + 2, c, 2); }, -1, "7fffffff80000000"},
         {"NaN is 0, not fitting", [&](auto c) { return hd2mi(f64 + 4, c, 1); }, -1, "00000000"},
         {"truncated toward zero", [&](auto c) { return hd2mi(f64 + 5, c, 2); }, 0, "00000003fffffffd"},
-        {"16-bit limits fit", [&](auto c) { return hi2ms(i32, c, 2); }, 0, "7fff8000"},
         {"beyond them saturate", [&](auto c) { return hi2ms(i32 + 2, c, 2); }, -1, "7fff8000"},
-        {"the unsigned top fits", [&](auto c) { return uhi2ms(u32, c, 1); }, 0, "ffff"},
-        {"beyond it saturates", [&](auto c) { return uhi2ms(u32 + 1, c, 1); }, -1, "ffff"},
         {"negative into unsigned is 0", [&](auto c) { return uhf2mi(f32, c, 1); }, -1, "00000000"},
-        {"the float limit fits", [&](auto c) { return hd2mf(f64 + 7, c, 1); }, 0, "7f7fffff"},
         {"beyond, saturated; infinity passes", [&](auto c) { return hd2mf(f64 + 8, c, 3); }, -1, "7f7fffffff7fffff7f800000"},
         {"a negative count moves nothing", [&](auto c) { return hi2mi(i32, c, -1) + umi2hi(c, u32, -1); }, 0, ""},
         {"reading saturates too", [&](auto c) { return hf2mf(f32 + 1, c, 1) + mf2hi(&(*c -= 4), &read, 1); }, -1, "501502f9"}};

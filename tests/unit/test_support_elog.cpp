@@ -36,11 +36,8 @@ TEST(Elog, EveryKindOfLineAndTheErrorTextOfFlagOne) {
 }
 
 TEST(Elog, RegisterPerThreadOldestFirstBoundedToTheNewest) {
-    errno = ENOENT;
-    elog_log(1, "open failed\n");  // errno as it was at the call, and kept
-    EXPECT_EQ(errno, ENOENT);
-    errno = EACCES;
-    elog_log(0, "plain\n");
+    EXPECT_EQ((errno = ENOENT, elog_log(1, "open failed\n"), errno), ENOENT);  // errno at the call, and kept
+    EXPECT_EQ((errno = EACCES, elog_log(0, "plain\n"), errno), EACCES);
     std::string other;  // another thread has its own register
     std::thread([&] { elog_log(0, "worker\n"), other = logged(print_register); }).join();
     EXPECT_EQ(other, "worker\n");

@@ -13,11 +13,10 @@ TEST(Sysutil, SignalTable) {
     std::istringstream list(testutil::run_program({"/bin/bash", "-c", "kill -l"}, "/").out);
     std::map<int, std::string> names;
     for (std::string number, name; list >> number >> name;) names[std::stoi(number)] = name;
-    ASSERT_EQ(names[SIGINT], "SIGINT");
     for (int sig = 1; sig <= SIGRTMAX; ++sig) {
         std::string want = names.count(sig) ? names[sig] + "|" + strsignal(sig) : "SIG" + std::to_string(sig) + "|Real-time signal reserved by the C library";
-        EXPECT_EQ(signal_bysig(sig)->name + ("|" + std::string(signal_bysig(sig)->description)), want);
-        EXPECT_EQ(signal_bysig(sig)->sig, sig);
+        const auto *row = signal_bysig(sig);
+        EXPECT_EQ(std::to_string(row->sig) + row->name + "|" + row->description, std::to_string(sig) + want);
     }
     for (int sig : {0, -1, SIGRTMAX + 1}) EXPECT_EQ(signal_bysig(sig), signal_bysig(0)) << sig;
     EXPECT_EQ(std::to_string(signal_bysig(0)->sig) + signal_bysig(0)->name + signal_bysig(0)->description, "0UNKNOWNUnknown signal");
@@ -60,10 +59,10 @@ TEST(Sysutil, HexdumpLayoutAndUniformRandomNumbers) {
     }
     EXPECT_EQ(hexdump(stdout, "x", -1) + hexdump(nullptr, "x", 1) + hexdump(stdout, nullptr, 1), -3);
     // Random numbers: 100000 draws fill ten bins of [0, 1] evenly; two new threads draw apart.
-    int bins[11] = {};
+    std::vector<int> bins(11), want = {10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 0};  // thousands; then outside [0, 1]
     for (double r = 0, i = 0; i < 100000; ++i) ++bins[(r = disordered()) < 0 || r > 1 ? 10 : std::min(9, int(r * 10))];
-    EXPECT_EQ(bins[10], 0);
-    for (int b = 0; b < 10; b++) EXPECT_NEAR(bins[b], 10000, 1000) << b;
+    for (int b = 0; b < 10; b++) bins[b] = (bins[b] + 500) / 1000;
+    EXPECT_EQ(bins, want);
     double a[2][4];
     for (auto &draws : a) std::thread([&draws] { for (double &x : draws) x = disordered(); }).join();
     EXPECT_FALSE(std::equal(a[0], a[0] + 4, a[1])) << "two threads drew the same sequence";
