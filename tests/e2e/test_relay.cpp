@@ -251,8 +251,8 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
                  {"QRD:192.168.1.50:5330->" + cl + ":", answer},
                  {"UWR:" + S(host) + "->" + cl + ":", answer}})
             if (level > 1) want = want + Lines{header} + dump(header.substr(0, 4), bytes);
-        // The endpoints' own dumps and the frame dumps of level 3 come among the others.
         EXPECT_EQ(r.proc->stop(SIGINT), 128 + SIGINT) << level;  // at once and silently
+        // The endpoints' own dumps and the frame dumps of level 3 come among the others.
         Lines log = log_of(r.proc->err(), &starts);
         std::erase_if(log, [&](const S &l) {
             bool mine = l.starts_with("debug: ") || l.starts_with("SLS:") || l.starts_with("SLR:");
@@ -266,7 +266,10 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
 
 // Frames carry the client as their sender; each reply goes back to its client
 // through the host port that client used last, and nowhere when none used it.
-TEST(Relay, RepliesFollowEachClientsLastPort) {
+// With the line stopped, one datagram is in the writer's hands, ten wait in the
+// queue and one more for room in it; once the line moves, all arrive. When the
+// line's far end closes: status 1, the fatal line last, within 5 s.
+TEST(Relay, RepliesFollowClientsTenWaitForAStoppedLineAndItsEndIsFatal) {
     Relay r({"-vv"});
     Client c1, c2;
     // END and ESC pass whole; identification counts up by one per frame.
@@ -293,6 +296,18 @@ TEST(Relay, RepliesFollowEachClientsLastPort) {
     EXPECT_EQ(c2.recv(0), "<none>");
     // Dumped all the same, before it was found to have no route.
     EXPECT_TRUE(r.proc->wait_for_err("QRD:192.168.1.50:5330->10.1.2.3:999:\n", 5000));
+    ASSERT_EQ(tcflow(r.line.slave, TCOOFF), 0);
+    for (int i = 10; i < 30; i++) udp_send_to(c1.fd, r.ports[0], "burst " + std::to_string(i));
+    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21")[0] + "\n", 10000));
+    usleep(500000);
+    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22")[0] + "\n", 0));
+    ASSERT_EQ(tcflow(r.line.slave, TCOON), 0);
+    for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
+    close(r.line.master);
+    r.line.master = -1;
+    EXPECT_EQ(r.proc->wait_exit(5000), 1);
+    EXPECT_EQ(log_of(r.proc->err()).back(),
+              "fatal: korvane_run_q330_read_thread: udp_read() error.");
 }
 
 // Empty and oversize datagrams among good ones, then 30,000 senders from six
@@ -366,28 +381,6 @@ TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
     for (auto &k : kept) close(k[0]);
     EXPECT_EQ(r.proc->stop(SIGTERM), 128 + SIGTERM);
     EXPECT_EQ(log_of(r.proc->err()), Lines{kBanner});
-}
-
-// With the line stopped, one datagram is in the writer's hands, ten wait in
-// the queue and one more for room in it; once the line moves, all arrive.
-// Then the line's far end closes: status 1, the fatal line last, within 5 s.
-TEST(Relay, TenWaitForAStoppedLineThatThenVanishes) {
-    Relay r({"-vv"}, {fixed_udp_port()});
-    Client c;
-    udp_send_to(c.fd, r.ports[0], "open");
-    ASSERT_EQ(r.next().payload, "open");
-    ASSERT_EQ(tcflow(r.line.slave, TCOOFF), 0);
-    for (int i = 10; i < 30; i++) udp_send_to(c.fd, r.ports[0], "burst " + std::to_string(i));
-    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21")[0] + "\n", 10000));
-    usleep(500000);
-    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22")[0] + "\n", 0));
-    ASSERT_EQ(tcflow(r.line.slave, TCOON), 0);
-    for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
-    close(r.line.master);
-    r.line.master = -1;
-    EXPECT_EQ(r.proc->wait_exit(5000), 1);
-    EXPECT_EQ(log_of(r.proc->err()).back(),
-              "fatal: korvane_run_q330_read_thread: udp_read() error.");
 }
 
 // A host port held by another program ends the relay with status 1 and the
