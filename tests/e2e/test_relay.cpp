@@ -232,10 +232,8 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
         ASSERT_EQ(d.payload, ask);
         r.reply(d, answer);
         ASSERT_EQ(c.recv(), answer);
-        char host[8];
-        snprintf(host, sizeof host, "%05d", r.ports[0]);
         S cl = "127.0.0.1:" + std::to_string(c.port), p0 = std::to_string(r.ports[0]);
-        S p1 = std::to_string(r.ports[1]);
+        S p1 = std::to_string(r.ports[1]), host = S(5 - p0.size(), '0') + p0;  // 4 digits, padded
         Lines want = {kBanner}, started = {"q330_read_thread", "q330_write_thread"}, starts, own;
         // The summary lists the host ports in ascending text order.
         Lines rows = {p0 + " -> 5330", p1 + " -> 6330"};
@@ -249,7 +247,7 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
                  {"URD:" + cl + "->" + host + ":", ask},
                  {"QWR:" + cl + "->192.168.1.50:5330:", ask},
                  {"QRD:192.168.1.50:5330->" + cl + ":", answer},
-                 {"UWR:" + S(host) + "->" + cl + ":", answer}})
+                 {"UWR:" + host + "->" + cl + ":", answer}})
             if (level > 1) want = want + Lines{header} + dump(header.substr(0, 4), bytes);
         EXPECT_EQ(r.proc->stop(SIGINT), 128 + SIGINT) << level;  // at once and silently
         // The endpoints' own dumps and the frame dumps of level 3 come among the others.
