@@ -168,6 +168,7 @@ TEST(Relay, CommandLineAndParameterBlock) {
         // No flow line is as good as "none", and so are "rtscts" and no translations at all.
         {{"-v"}, with({{"flow", "-"}}), summary({}, two_rows) + kNoTtyEnd},
         {{"-vvv", "-v"}, {{"flow", "rtscts"}}, summary({}, {}) + kNoTtyEnd},
+        {{}, two, Lines{kBanner} + kNoTtyEnd},
         {{"-v", "other"}, two,
          summary({{"template", "other"}, {"q330_ip_address", "10.9.8.7"}}, two_rows) + kNoTtyEnd},
         unknown({"other", "-v"}, "command argument 'other'"),
