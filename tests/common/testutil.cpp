@@ -124,9 +124,6 @@ std::string Child::out() const { return slurp(io.file("out")); }
 bool Child::wait_for_err(const std::string &text, int timeout_ms) const {
     return poll_until(timeout_ms, [&] { return err().find(text) != std::string::npos; });
 }
-bool Child::wait_for_out(const std::string &text, int timeout_ms) const {
-    return poll_until(timeout_ms, [&] { return out().find(text) != std::string::npos; });
-}
 
 // Reaps pid within timeout_ms: its exit status, 128 + the signal that ended it, or -1.
 static int wait_pid(pid_t pid, int timeout_ms) {
@@ -185,27 +182,18 @@ static int bound(int type, int *port, std::uint32_t host = INADDR_LOOPBACK) {
     require(getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0, "getsockname");
     return *port = ntohs(a.sin_port), fd;
 }
-static int free_port(int type) {
-    int port = 0;
-    return close(bound(type, &port)), port;
-}
+static int free_port(int type, int port = 0) { return close(bound(type, &port)), port; }
 int free_udp_port() { return free_port(SOCK_DGRAM); }
 int free_tcp_port() { return free_port(SOCK_STREAM); }
-int udp_socket_at(std::uint32_t host, int port) { return bound(SOCK_DGRAM, &port, host); }
+int udp_socket(int *port, std::uint32_t host) { return bound(SOCK_DGRAM, port, host); }
 
 int fixed_udp_port(int lo, int hi) {
     static std::set<int> given;
     for (int i = 0, span = hi - lo + 1, start = getpid() * 7919L % span; i < span; i++) {
-        int port = lo + (start + i) % span, fd = udp_socket_at(INADDR_ANY, port);
+        int port = lo + (start + i) % span, fd = udp_socket(&port, INADDR_ANY);
         if (fd >= 0 && close(fd) == 0 && given.insert(port).second) return port;
     }
     throw std::runtime_error("no free UDP port");
-}
-
-int udp_socket_loopback(int *port) {
-    *port = 0;
-    int fd = bound(SOCK_DGRAM, port);
-    return require(fd >= 0, "bind to 127.0.0.1"), fd;
 }
 
 void udp_send_to(int fd, int port, const std::string &payload) {
@@ -245,7 +233,7 @@ static unsigned get16(const std::string &b, size_t at) {
     return static_cast<unsigned char>(b[at]) << 8 | static_cast<unsigned char>(b[at + 1]);
 }
 
-std::uint16_t inet_checksum(const std::string &bytes) {
+static std::uint16_t inet_checksum(const std::string &bytes) {
     std::uint32_t sum = 0;
     for (size_t i = 0; i < bytes.size(); i += 2)
         sum += i + 1 < bytes.size() ? get16(bytes, i) : static_cast<unsigned char>(bytes[i]) << 8;

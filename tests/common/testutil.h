@@ -30,7 +30,6 @@ struct PtyPair {
     ~PtyPair();
 };
 
-// Writes all of data to fd (loops over short writes).
 void write_all(int fd, const void *data, size_t n);
 // What arrives on fd until quiet_ms pass with nothing new or total_ms pass.
 std::string read_for(int fd, int quiet_ms, int total_ms);
@@ -47,9 +46,8 @@ struct Child {
     ~Child();
     std::string err() const;
     std::string out() const;
-    // Waits until err() (out()) holds text or timeout_ms pass; true when found.
+    // True once err() holds text, false when timeout_ms pass first.
     bool wait_for_err(const std::string &text, int timeout_ms) const;
-    bool wait_for_out(const std::string &text, int timeout_ms) const;
     // The exit status (128 + signal when ended by one) after sig, or on its
     // own within timeout_ms (-1 if it did not end).
     int stop(int sig);
@@ -67,16 +65,15 @@ RunResult run_program(const std::vector<std::string> &argv, const std::string &c
 // The lines of a log with each "YYYY-MM-DD HH:MM:SS.mmm " time stamp removed.
 std::vector<std::string> log_lines(const std::string &log);
 
-// A UDP or TCP port on 127.0.0.1 that was free a moment ago.
-int free_udp_port();
+int free_udp_port();  // a port on 127.0.0.1 free a moment ago
 int free_tcp_port();
-// For programs that bind a given port: one in [lo, hi] free a moment ago,
-// never the same twice in a process, its search starting at a point set by the pid.
-int fixed_udp_port(int lo = 10000, int hi = 32767);
-// A UDP socket bound to an ephemeral port of 127.0.0.1 (stored in *port),
-// or to host:port (a host-order address; -1 when taken).
-int udp_socket_loopback(int *port);
-int udp_socket_at(std::uint32_t host, int port);
+// For programs that bind a given port: one in [lo, hi] free a moment ago, never
+// the same twice in a process, its search starting at a point set by the pid.
+// The default range leaves 25000-32767 to tests that bind many ports at once.
+int fixed_udp_port(int lo = 10000, int hi = 24999);
+// A UDP socket bound to host:*port (a host-order address; port 0: an ephemeral
+// one, stored in *port); -1 when taken.
+int udp_socket(int *port, std::uint32_t host = 0x7F000001);
 // Sends one datagram to 127.0.0.1:port.
 void udp_send_to(int fd, int port, const std::string &payload);
 // One datagram within timeout_ms (false on time-out), and its sender's port.
@@ -84,13 +81,10 @@ bool udp_recv(int fd, std::string *payload, int timeout_ms, int *from_port = nul
 // Waits until a UDP socket is bound to port in pid's (0: this process's)
 // network namespace; read from /proc, so the check never takes the port.
 bool wait_udp_bound(int port, int timeout_ms, pid_t pid = 0);
-// Milliseconds on a monotonic clock.
-long long now_ms();
+long long now_ms();  // milliseconds on a monotonic clock
 
 // ---- The serial line, judged from RFC 1071, 768, 791 and 1055 alone.
 
-// The Internet checksum of bytes (a zero pad byte after an odd count).
-std::uint16_t inet_checksum(const std::string &bytes);
 // One IPv4/UDP datagram; addresses and ports are host-order numbers.
 struct Datagram {
     std::uint32_t src = 0, dst = 0;

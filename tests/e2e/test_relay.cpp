@@ -74,15 +74,8 @@ Lines log_of(const S &err, Lines *starts = nullptr) {
     return starts ? *starts = started, log : log;
 }
 
-// n host ports for a relay, the first one below 10000.
-std::vector<int> host_ports(int n) {
-    std::vector<int> ports;
-    for (int i = 0; i < n; i++) ports.push_back(i ? fixed_udp_port() : fixed_udp_port(1024, 9999));
-    return ports;
-}
-
 // korvane in a temporary directory on a pseudo-terminal line; host port i
-// goes to the datalogger's port 5330 + 1000 i.
+// goes to the datalogger's port 5330 + 1000 i; by default two, the first below 10000.
 struct Relay {
     TempDir dir;
     PtyPair line;
@@ -91,7 +84,8 @@ struct Relay {
     SlipReader reader;
     std::deque<S> frames;
 
-    explicit Relay(Lines args, std::vector<int> host = host_ports(2)) : ports(host) {
+    explicit Relay(Lines args, std::vector<int> host = {fixed_udp_port(1024, 9999), fixed_udp_port()})
+        : ports(host) {
         S xlat = "{\n";
         for (size_t i = 0; i < ports.size(); i++)
             xlat += std::to_string(ports[i]) + " " + std::to_string(5330 + 1000 * i) + "\n";
@@ -119,7 +113,7 @@ struct Relay {
 
 // A UDP client on 127.0.0.1, closed with its scope.
 struct Client {
-    int port = 0, fd = udp_socket_loopback(&port);
+    int port = 0, fd = udp_socket(&port);
     ~Client() { close(fd); }
     S recv(int timeout_ms = 5000, int *from = nullptr) {
         S got;
@@ -239,10 +233,8 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
         ASSERT_EQ(d.payload, ask);
         r.reply(d, answer);
         ASSERT_EQ(c.recv(), answer);
-        char host[8];
-        snprintf(host, sizeof host, "%05d", r.ports[0]);
         S cl = "127.0.0.1:" + std::to_string(c.port), p0 = std::to_string(r.ports[0]);
-        S p1 = std::to_string(r.ports[1]);
+        S p1 = std::to_string(r.ports[1]), host = S(5 - p0.size(), '0') + p0;  // 4 digits, padded
         Lines want = {kBanner}, started = {"q330_read_thread", "q330_write_thread"}, starts, own;
         // The summary lists the host ports in ascending text order.
         Lines rows = {p0 + " -> 5330", p1 + " -> 6330"};
@@ -256,8 +248,9 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
                  {"URD:" + cl + "->" + host + ":", ask},
                  {"QWR:" + cl + "->192.168.1.50:5330:", ask},
                  {"QRD:192.168.1.50:5330->" + cl + ":", answer},
-                 {"UWR:" + S(host) + "->" + cl + ":", answer}})
+                 {"UWR:" + host + "->" + cl + ":", answer}})
             if (level > 1) want = want + Lines{header} + dump(header.substr(0, 4), bytes);
+        EXPECT_EQ(r.proc->stop(SIGINT), 128 + SIGINT) << level;  // at once and silently
         // The endpoints' own dumps and the frame dumps of level 3 come among the others.
         Lines log = log_of(r.proc->err(), &starts);
         std::erase_if(log, [&](const S &l) {
@@ -272,19 +265,19 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
 
 // Frames carry the client as their sender; each reply goes back to its client
 // through the host port that client used last, and nowhere when none used it.
-TEST(Relay, RepliesFollowEachClientsLastPort) {
+// With the line stopped, one datagram is in the writer's hands, ten wait in the
+// queue and one more for room in it; once the line moves, all arrive. When the
+// line's far end closes: status 1, the fatal line last, within 5 s.
+TEST(Relay, RepliesFollowClientsTenWaitForAStoppedLineAndItsEndIsFatal) {
     Relay r({"-vv"});
     Client c1, c2;
-    S big(1024, '\0');
-    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
     // END and ESC pass whole; identification counts up by one per frame.
     const std::vector<std::pair<Client *, S>> sent = {
-        {&c1, "ask 1"}, {&c2, "ask 2"}, {&c1, S("\xC0\xDB\xC0 x \xDB", 6)}, {&c1, big},
-        {&c1, "to B"}};
+        {&c1, "ask 1"}, {&c2, "ask 2"}, {&c1, S("\xC0\xDB\xC0 x \xDB", 6)}, {&c1, "to B"}};
     Datagram d;
     for (size_t i = 0; i < sent.size(); i++) {
-        std::uint16_t id = d.id, q330 = i < 4 ? 5330 : 6330;
-        udp_send_to(sent[i].first->fd, r.ports[i < 4 ? 0 : 1], sent[i].second);
+        std::uint16_t id = d.id, q330 = i < 3 ? 5330 : 6330;
+        udp_send_to(sent[i].first->fd, r.ports[i < 3 ? 0 : 1], sent[i].second);
         d = r.next();
         EXPECT_EQ(d.payload, sent[i].second);
         EXPECT_EQ(std::tuple(d.src, d.dst, d.sport, d.dport, d.frag, d.ttl),
@@ -302,28 +295,34 @@ TEST(Relay, RepliesFollowEachClientsLastPort) {
     EXPECT_EQ(c2.recv(0), "<none>");
     // Dumped all the same, before it was found to have no route.
     EXPECT_TRUE(r.proc->wait_for_err("QRD:192.168.1.50:5330->10.1.2.3:999:\n", 5000));
+    ASSERT_EQ(tcflow(r.line.slave, TCOOFF), 0);
+    for (int i = 10; i < 30; i++) udp_send_to(c1.fd, r.ports[0], "burst " + std::to_string(i));
+    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21")[0] + "\n", 10000));
+    usleep(500000);
+    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22")[0] + "\n", 0));
+    ASSERT_EQ(tcflow(r.line.slave, TCOON), 0);
+    for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
+    close(r.line.master);
+    r.line.master = -1;
+    EXPECT_EQ(r.proc->wait_exit(5000), 1);
+    EXPECT_EQ(log_of(r.proc->err()).back(),
+              "fatal: korvane_run_q330_read_thread: udp_read() error.");
 }
 
-// Empty and oversize datagrams are dropped; the others arrive, in order.
-TEST(Relay, EmptyAndOversizeDatagramsAreDropped) {
-    Relay r({"-v"});
-    Client c;
-    const Lines good = {"one", S(1024, 'x'), "end"};
-    for (const S &g : good)
-        for (const S &text : {S(), S(1025, 'y'), S(4000, 'z'), g})
-            udp_send_to(c.fd, r.ports[0], text);
-    for (const S &g : good) ASSERT_EQ(r.next().payload, g);
-    EXPECT_EQ(r.proc->wait_exit(0), -1);
-}
-
-// 30,000 senders from six loopback addresses: the newest 4,096 keep their
-// routes, a client that keeps sending keeps its own, and memory stays flat;
-// line noise and an oversize frame then change none of that, nor do SIGPIPE
-// and SIGALRM. Nothing is logged at level 0; SIGTERM ends it at once.
+// Empty and oversize datagrams among good ones, then 30,000 senders from six
+// loopback addresses on ports no other test binds: the newest 4,096 keep their
+// routes, a client that keeps sending or is answered keeps its own, and memory
+// stays flat; line noise and an oversize frame then change none of that, nor
+// do SIGPIPE and SIGALRM. Nothing is logged at level 0; SIGTERM ends it at once.
 TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
     constexpr int kSenders = 30000, kRoutes = 4096, kLegitEvery = 3000;
-    Relay r({}, host_ports(1));
+    Relay r({}, {fixed_udp_port()});
     Client legit;
+    const Lines good = {"one", S(1024, 'x')};
+    for (const S &g : good)
+        for (const S &text : {S(), S(1025, 'y'), S(4000, 'z'), g})
+            udp_send_to(legit.fd, r.ports[0], text);
+    for (const S &g : good) ASSERT_EQ(r.next().payload, g);
     Datagram last;
     auto exchange = [&](const S &text) {
         udp_send_to(legit.fd, r.ports[0], text);
@@ -335,19 +334,18 @@ TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
     exchange("hello");
     for (int sig : {SIGPIPE, SIGALRM}) kill(r.proc->pid, sig);
     long rss = r.proc->rss_kib();
-    // The newest sender to lose its route and the oldest to keep it stay open:
-    // {socket, host, port}.
-    std::map<int, std::array<int, 3>> kept = {{kSenders - kRoutes, {}},
-                                              {kSenders - kRoutes + 1, {}}};
+    // {socket, host, port} of the newest sender to lose its route and the oldest to keep it.
+    std::array<std::array<int, 3>, 2> kept{};
     for (int sent = 0, tried = 0; sent < kSenders;) {
         if (sent % kLegitEvery == 0) exchange("still here " + std::to_string(sent));
         // 100 at a time: what the relay's receive buffer surely holds.
         for (int end = sent + 100; sent < end; tried++) {
-            int host = kLoopback + 1 + tried % 6, port = 40000 + tried / 6;
-            int fd = udp_socket_at(host, port);
-            if (fd < 0) continue;
+            int host = kLoopback + 1 + tried % 6, port = 25000 + tried / 6;
+            ASSERT_LT(port, 32768) << "too few free ports for the flood";
+            int fd = udp_socket(&port, host), k = sent - (kSenders - kRoutes);
+            if (fd < 0) continue;  // taken by another program: the next one serves
             udp_send_to(fd, r.ports[0], "f");
-            if (kept.count(sent)) kept[sent] = {fd, host, port};
+            if (k == 0 || k == 1) kept[k] = {fd, host, port};
             else close(fd);
             sent++;
         }
@@ -355,17 +353,16 @@ TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
         while (seen < 100 && r.next().payload == "f") seen++;
         ASSERT_EQ(seen, 100) << "flood datagrams lost before " << sent;
     }
-    for (auto &[i, s] : kept) r.send(s[1], line_port(s[2]), "to " + std::to_string(i));
+    for (int k : {0, 1}) r.send(kept[k][1], line_port(kept[k][2]), "to " + std::to_string(k));
     S got;
-    auto &[oldest, host, port] = kept[kSenders - kRoutes + 1];
-    ASSERT_TRUE(udp_recv(oldest, &got, 5000));
-    EXPECT_FALSE(udp_recv(kept[kSenders - kRoutes][0], &got, 0)) << "evicted too late";
+    ASSERT_TRUE(udp_recv(kept[1][0], &got, 5000));
+    EXPECT_FALSE(udp_recv(kept[0][0], &got, 0)) << "evicted too late";
     // A reply counts as a use: a newcomer now takes the place of the sender after it.
     Client newcomer;
     udp_send_to(newcomer.fd, r.ports[0], "f");
     ASSERT_EQ(r.next().payload, "f");
-    r.send(host, line_port(port), "again");
-    EXPECT_TRUE(udp_recv(oldest, &got, 5000)) << "a reply did not keep the route";
+    r.send(kept[1][1], line_port(kept[1][2]), "again");
+    EXPECT_TRUE(udp_recv(kept[1][0], &got, 5000)) << "a reply did not keep the route";
     exchange("after the flood");
     EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
     // No END in the noise: one endless frame, then a 5,000-byte one; then
@@ -380,32 +377,15 @@ TEST(Relay, FloodNoiseAndSignalsNeitherStopNorGrowIt) {
         for (int j = 0; j < 100; j++) ASSERT_EQ(legit.recv(30000), "r");
     }
     EXPECT_TRUE(kSanitized || r.proc->rss_kib() - rss < 1024) << rss << " -> " << r.proc->rss_kib();
-    for (auto &[i, s] : kept) close(s[0]);
+    for (auto &k : kept) close(k[0]);
     EXPECT_EQ(r.proc->stop(SIGTERM), 128 + SIGTERM);
     EXPECT_EQ(log_of(r.proc->err()), Lines{kBanner});
 }
 
-// With the line stopped, one datagram is in the writer's hands, ten wait in
-// the queue and one more for room in it; once the line moves, all arrive.
-TEST(Relay, TenWaitForAStoppedLine) {
-    Relay r({"-vv"}, host_ports(1));
-    Client c;
-    udp_send_to(c.fd, r.ports[0], "open");
-    ASSERT_EQ(r.next().payload, "open");
-    ASSERT_EQ(tcflow(r.line.slave, TCOOFF), 0);
-    for (int i = 10; i < 30; i++) udp_send_to(c.fd, r.ports[0], "burst " + std::to_string(i));
-    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21")[0] + "\n", 10000));
-    usleep(500000);
-    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22")[0] + "\n", 0));
-    ASSERT_EQ(tcflow(r.line.slave, TCOON), 0);
-    for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
-}
-
-// A host port held by another program, a line whose far end closes, and
-// SIGINT end the relay: the first two with status 1 and the messages naming
-// the cause, the signal at once and silently.
-TEST(Relay, Ends) {
-    int port = fixed_udp_port(), holder = udp_socket_at(INADDR_ANY, port);
+// A host port held by another program ends the relay with status 1 and the
+// messages naming the cause.
+TEST(Relay, HostPortAlreadyBoundIsFatal) {
+    int port = fixed_udp_port(), holder = udp_socket(&port, 0);
     Relay held({}, {port});
     EXPECT_EQ(held.proc->wait_exit(10000), 1);
     S p = std::to_string(port);
@@ -414,15 +394,4 @@ TEST(Relay, Ends) {
                      "udp_read: udp_open(" + p + ") error.",
                      "fatal: korvane_run_udp_read_thread: udp_read(" + p + ") error."}));
     close(holder);
-    Relay cut({}, host_ports(1)), stopped({}, host_ports(1));
-    Client c;  // once the line carries a frame, it is open
-    udp_send_to(c.fd, cut.ports[0], "x");
-    ASSERT_EQ(cut.next().payload, "x");
-    close(cut.line.master);
-    cut.line.master = -1;
-    EXPECT_EQ(cut.proc->wait_exit(5000), 1);
-    EXPECT_EQ(log_of(cut.proc->err()).back(),
-              "fatal: korvane_run_q330_read_thread: udp_read() error.");
-    EXPECT_EQ(stopped.proc->stop(SIGINT), 128 + SIGINT);
-    EXPECT_EQ(log_of(stopped.proc->err()), Lines{kBanner});
 }

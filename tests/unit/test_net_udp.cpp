@@ -115,7 +115,7 @@ int count(const char *h, std::uint32_t *a, char *c) { return ++resolutions, name
 // An endpoint with averages; on a free loopback port with a client socket, or on a SLIP line.
 struct NetUdp : testing::Test {
     UDP *udp = nullptr;
-    int port = free_udp_port(), cport = 0, client = udp_socket_loopback(&cport);
+    int port = free_udp_port(), cport = 0, client = udp_socket(&cport);
     std::string got, from, me = "127.0.0.1:" + std::to_string(cport);
     std::unique_ptr<PtyPair> pty;
     void SetUp() override { udp_new(&udp), averages(), udp_set_resolver(count), resolutions = 0; }

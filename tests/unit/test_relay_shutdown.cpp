@@ -1,7 +1,6 @@
-// What the relay binary cannot show: the orderly shutdown routine, kept but
-// connected to no signal, which in a child process, against real threads on a
-// real line and real sockets, must stop them and exit 0 whatever the number of
-// ports; and the hex dump given a prefix longer than any the relay uses.
+// What the relay binary cannot show: the shutdown routine, connected to no
+// signal, which against real threads on a real line and real sockets must stop
+// them and exit 0 whatever the number of ports; and the dump of a long prefix.
 #include <signal.h>
 #include <unistd.h>
 
