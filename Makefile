@@ -10,8 +10,6 @@
 
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
-# The soak test runs longest under the sanitizers, where leaks and races show.
-SOAK_SECONDS ?= 120
 
 .PHONY: all build test asan tsan deps demo clean fuzz mutants
 
@@ -36,7 +34,7 @@ build-asan/build.ninja:
 asan: deps build-asan/build.ninja
 	cmake --build build-asan -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  KORVANE_SOAK_SECONDS=$(SOAK_SECONDS) ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+	  ctest --test-dir build-asan --output-on-failure -j $(JOBS)
 
 build-tsan/build.ninja:
 	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKORVANE_SANITIZE=thread $(CMAKE_FLAGS)
@@ -44,7 +42,7 @@ build-tsan/build.ninja:
 tsan: deps build-tsan/build.ninja
 	cmake --build build-tsan -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-	  KORVANE_SOAK_SECONDS=$(SOAK_SECONDS) ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
+	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
 
 # Only the libraries and the fuzz targets are built in this tree; the tests
 # labelled fuzz there are the timed libFuzzer runs.
