@@ -182,19 +182,18 @@ static int bound(int type, int *port, std::uint32_t host = INADDR_LOOPBACK) {
     require(getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0, "getsockname");
     return *port = ntohs(a.sin_port), fd;
 }
-static int free_port(int type, int port = 0) { return close(bound(type, &port)), port; }
-int free_udp_port() { return free_port(SOCK_DGRAM); }
-int free_tcp_port() { return free_port(SOCK_STREAM); }
 int udp_socket(int *port, std::uint32_t host) { return bound(SOCK_DGRAM, port, host); }
 
-int fixed_udp_port(int lo, int hi) {
+static int fixed_port(int type, int lo, int hi) {
     static std::set<int> given;
     for (int i = 0, span = hi - lo + 1, start = getpid() * 7919L % span; i < span; i++) {
-        int port = lo + (start + i) % span, fd = udp_socket(&port, INADDR_ANY);
+        int port = lo + (start + i) % span, fd = bound(type, &port, INADDR_ANY);
         if (fd >= 0 && close(fd) == 0 && given.insert(port).second) return port;
     }
-    throw std::runtime_error("no free UDP port");
+    throw std::runtime_error("no free port");
 }
+int fixed_udp_port(int lo, int hi) { return fixed_port(SOCK_DGRAM, lo, hi); }
+int fixed_tcp_port(int lo, int hi) { return fixed_port(SOCK_STREAM, lo, hi); }
 
 void udp_send_to(int fd, int port, const std::string &payload) {
     struct sockaddr_in a = address(INADDR_LOOPBACK, port);
@@ -247,9 +246,9 @@ static std::string pseudo(std::uint32_t src, std::uint32_t dst, const std::strin
 }
 
 std::string datagram_packet(const Datagram &d) {
-    unsigned n = static_cast<unsigned>(d.payload.size());
-    std::string ip = be16(0x4500) + be16(28 + n) + be16(d.id) + be16(d.frag) +
-                     be16(d.ttl << 8 | 17) + be16(0) + be32(d.src) + be32(d.dst);
+    unsigned n = static_cast<unsigned>(d.payload.size()), hl = 20 + d.options.size();
+    std::string ip = be16(0x4000 | hl << 6) + be16(hl + 8 + n) + be16(d.id) + be16(d.frag) +
+                     be16(d.ttl << 8 | 17) + be16(0) + be32(d.src) + be32(d.dst) + d.options;
     std::string udp = be16(d.sport) + be16(d.dport) + be16(8 + n) + be16(0) + d.payload;
     unsigned sum = inet_checksum(pseudo(d.src, d.dst, udp));
     return ip.replace(10, 2, be16(inet_checksum(ip))) + udp.replace(6, 2, be16(sum ? sum : 0xffff));

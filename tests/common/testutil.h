@@ -65,12 +65,12 @@ RunResult run_program(const std::vector<std::string> &argv, const std::string &c
 // The lines of a log with each "YYYY-MM-DD HH:MM:SS.mmm " time stamp removed.
 std::vector<std::string> log_lines(const std::string &log);
 
-int free_udp_port();  // a port on 127.0.0.1 free a moment ago
-int free_tcp_port();
-// For programs that bind a given port: one in [lo, hi] free a moment ago, never
-// the same twice in a process, its search starting at a point set by the pid.
-// The default range leaves 25000-32767 to tests that bind many ports at once.
+// For code that binds a given port: one in [lo, hi] free a moment ago, below
+// the kernel's ephemeral range so that no client socket takes it meanwhile,
+// never the same twice in a process, its search starting at a point set by
+// the pid. The default range leaves 25000-32767 to tests that bind many ports.
 int fixed_udp_port(int lo = 10000, int hi = 24999);
+int fixed_tcp_port(int lo = 10000, int hi = 24999);
 // A UDP socket bound to host:*port (a host-order address; port 0: an ephemeral
 // one, stored in *port); -1 when taken.
 int udp_socket(int *port, std::uint32_t host = 0x7F000001);
@@ -90,9 +90,10 @@ struct Datagram {
     std::uint32_t src = 0, dst = 0;
     std::uint16_t sport = 0, dport = 0, id = 0, frag = 0x4000;
     std::uint8_t ttl = 64;
-    std::string payload;
+    std::string payload = {}, options = {};  // options: whole 32-bit words of IP options
 };
-// The packet: a 20-byte IPv4 header and the UDP header, both sums in place.
+// The packet: the IPv4 header and the UDP header, both sums in place (a UDP
+// sum that comes to 0 goes as FFFF).
 std::string datagram_packet(const Datagram &d);
 // True only for IPv4 UDP with a 20-byte header, lengths that agree with the
 // size, and both checksums present and right.

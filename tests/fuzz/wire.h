@@ -1,7 +1,7 @@
-// The wire rules written once from the RFCs, so that the fuzz targets and the
-// interop test judge the relay with code that shares nothing with it: the
-// Internet checksum (RFC 1071), the sums a receiver takes of an IPv4/UDP
-// packet (RFC 791, 768) and SLIP receiving (RFC 1055) with the relay's limits.
+// The wire rules written from the RFCs, so that the fuzz targets judge the
+// relay with code that shares nothing with it: the Internet checksum (RFC
+// 1071), the sums a receiver takes of an IPv4/UDP packet (RFC 791, 768) and
+// SLIP receiving (RFC 1055) with the relay's limits.
 #pragma once
 
 #include <algorithm>

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <cerrno>
 #include <fstream>
 #include <map>
@@ -26,7 +27,6 @@
 
 #include <gtest/gtest.h>
 
-#include "../fuzz/wire.h"
 #include "testutil.h"
 
 using namespace testutil;
@@ -53,30 +53,9 @@ sockaddr_in address(const char *ip, int port) {
     return ::testing::AssertionFailure() << "ip " << args << " (status " << r.status << "): " << r.err;
 }
 
-// SLIP sending: END, the packet with END and ESC escaped, END.
-wire::Bytes slip(const unsigned char *p, std::size_t n) {
-    wire::Bytes f = {0xC0};
-    for (const unsigned char *end = p + n; p < end; p++) {
-        if (*p == 0xC0 || *p == 0xDB) f.push_back(0xDB);
-        f.push_back(*p == 0xC0 ? 0xDC : *p == 0xDB ? 0xDD : *p);
-    }
-    f.push_back(0xC0);
-    return f;
-}
-
 // A client's datagram to the datalogger's echo port, both sums in place.
-wire::Bytes packet(const std::string &payload) {
-    const unsigned n = 28 + static_cast<unsigned>(payload.size()), u = n - 20;
-    wire::Bytes p = {0x45, 0, static_cast<unsigned char>(n >> 8), static_cast<unsigned char>(n), 0, 1, 0x40, 0, 64,
-                     17, 0, 0, 10, 77, 0, 1, 192, 168, 77, 50, 0x9C, 0x41, 0x14, 0xD2,
-                     static_cast<unsigned char>(u >> 8), static_cast<unsigned char>(u), 0, 0};
-    p.resize(n);
-    std::copy(payload.begin(), payload.end(), p.begin() + 28);
-    wire::Sums s;
-    wire::receiver_sums(p.data(), p.size(), &s);
-    p[10] = static_cast<unsigned char>(s.ip >> 8), p[11] = static_cast<unsigned char>(s.ip);
-    p[26] = static_cast<unsigned char>(s.udp >> 8), p[27] = static_cast<unsigned char>(s.udp);
-    return p;
+std::string packet(const std::string &payload) {
+    return datagram_packet({0x0A4D0001, 0xC0A84D32, 40001, 5330, 1, 0x4000, 64, payload});
 }
 
 // Every way the kernel can refuse an incoming IPv4/UDP datagram, and what it took and sent.
@@ -136,16 +115,16 @@ protected:
     // Line to kernel (a TUN device refuses what is not IP at all), kernel to
     // line, and the echo: each datagram back to its sender from the port it came to.
     void serve() {
-        wire::Unslip dec;
-        unsigned char buf[65536];
+        SlipReader dec;
+        char buf[65536];
         while (!stop) {
             pollfd p[4] = {{line.master, POLLIN, 0}, {tun, POLLIN, 0}, {echo[0], POLLIN, 0}, {echo[1], POLLIN, 0}};
             if (poll(p, 4, 50) <= 0) continue;
             ssize_t n = p[0].revents ? read(line.master, buf, sizeof buf) : 0;
-            for (ssize_t i = 0; i < n; i++)
-                if (dec.feed(buf[i]) && write(tun, dec.frame.data(), dec.frame.size()) < 0) ADD_FAILURE() << strerror(errno);
+            for (const std::string &f : dec.feed(std::string(buf, static_cast<std::size_t>(std::max<ssize_t>(n, 0)))))
+                if (write(tun, f.data(), f.size()) < 0) ADD_FAILURE() << strerror(errno);
             if (p[1].revents && (n = read(tun, buf, sizeof buf)) > 0) {
-                wire::Bytes f = slip(buf, static_cast<std::size_t>(n));
+                std::string f = slip_frame(std::string(buf, static_cast<std::size_t>(n)));
                 write_all(line.master, f.data(), f.size());
             }
             for (int i = 0; i < 2; i++) {
@@ -196,9 +175,9 @@ TEST_F(KernelPeer, CountsDamagedFrames) {
     };
     Counters want = clean();
     for (const auto &row : rows) {
-        wire::Bytes p = packet(std::string(100, 'a'));
+        std::string p = packet(std::string(100, 'a'));
         if (row.flip >= 0) p[static_cast<std::size_t>(row.flip)] ^= 1;
-        wire::Bytes f = slip(p.data(), p.size() - static_cast<std::size_t>(row.cut));
+        std::string f = slip_frame(p.substr(0, p.size() - static_cast<std::size_t>(row.cut)));
         write_all(line.slave, f.data(), f.size());
         for (const auto &[name, n] : row.add) want[name] += n;
         EXPECT_EQ(settled(want), want) << row.name;

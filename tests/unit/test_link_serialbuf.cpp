@@ -165,7 +165,7 @@ TEST_F(Link, SilenceAndAVanishedLineEndTheReadWithoutAHangUpSignal) {
 
 // Talk, end of stream, bind again; with no descriptor a modem server hangs up sending nothing.
 TEST(TcpLink, ClientAndServerTalkEndAndBindAgain) {
-    const int port = testutil::free_tcp_port();
+    const int port = testutil::fixed_tcp_port();
     auto tcp = [&](int kind, const char *host) {  // a client (2) of host, or a server (3)
         return kind == 2
             ? serialbuf_create_tcpclient(host, port, 16, 1000, 2, no, no, no, no, no, no, no)

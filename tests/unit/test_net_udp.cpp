@@ -37,45 +37,14 @@ namespace {
 
 using Bytes = std::string;  // frames and packets as the byte strings they are
 
-unsigned fold(const Bytes &b, unsigned s = 0) {  // RFC 1071: sum of big-endian words, folded
-    for (size_t i = 0; i < b.size(); i += 2)
-        s += (unsigned char)b[i] << 8 | (i + 1 < b.size() ? (unsigned char)b[i + 1] : 0);
-    return s > 0xFFFF ? fold({}, (s & 0xFFFF) + (s >> 16)) : s;
+// A datagram from the datalogger's side (10.0.0.9:6330 to 10.0.0.1:4242), no flags.
+Datagram dg(const Bytes &payload, std::uint32_t src = 0x0A000009, const Bytes &options = "") {
+    return {src, 0x0A000001, 6330, 4242, 0, 0, 64, payload, options};
 }
 
-struct P {  // a test packet's fields
-    Bytes payload;
-    unsigned src = 0x0A000009, sport = 6330, dst = 0x0A000001, dport = 4242, id = 0, ttl = 64;
-    unsigned frag = 0;
-    Bytes opts = "";
-};
-
-Bytes packet(const P &k) {  // RFC 791 and 768 with both checksums; a UDP sum 0 goes as FFFF
-    size_t hl = 20 + k.opts.size(), n = hl + 8 + k.payload.size();
-    Bytes p = Bytes(20, 0) + k.opts + Bytes(8, 0) + k.payload;
-    auto put = [&](size_t at, unsigned v, int len) {
-        while (len--) p[at + len] = char(v), v >>= 8;
-    };
-    for (auto [at, v, len] : {std::tuple{0, 0x40 | hl / 4, 1}, {2, n, 2}, {4, k.id, 2},
-                              {6, k.frag, 2}, {8, k.ttl, 1}, {9, 17, 1}, {12, k.src, 4},
-                              {16, k.dst, 4}, {hl, k.sport, 2}, {hl + 2, k.dport, 2},
-                              {hl + 4, n - hl, 2}})
-        put(at, v, len);
-    unsigned u = ~fold(p.substr(hl), fold(p.substr(12, 8), 17 + unsigned(n - hl))) & 0xFFFF;
-    put(hl + 6, u ? u : 0xFFFF, 2);
-    put(10, ~fold(p.substr(0, hl)) & 0xFFFF, 2);
-    return p;
-}
-
-P zero_sum(P k) {  // a payload whose last word makes the UDP sum compute to 0
+Datagram zero_sum(Datagram k) {  // a payload whose last word makes the UDP sum compute to 0
     k.payload = Bytes("ze\0\0", 4);
-    return k.payload = "ze" + packet(k).substr(26, 2), k;
-}
-
-Bytes slip(const Bytes &p) {  // RFC 1055: END, the bytes with END and ESC escaped, END
-    Bytes f = "\xC0";
-    for (char c : p) f += c == '\xC0' ? "\xDB\xDC" : c == '\xDB' ? "\xDB\xDD" : Bytes(1, c);
-    return f + "\xC0";
+    return k.payload = "ze" + datagram_packet(k).substr(26, 2), k;
 }
 
 // Dump lines: the prefix and up to 32 bytes each, then (closing) the prefix alone.
@@ -115,7 +84,7 @@ int count(const char *h, std::uint32_t *a, char *c) { return ++resolutions, name
 // An endpoint with averages; on a free loopback port with a client socket, or on a SLIP line.
 struct NetUdp : testing::Test {
     UDP *udp = nullptr;
-    int port = free_udp_port(), cport = 0, client = udp_socket(&cport);
+    int port = fixed_udp_port(), cport = 0, client = udp_socket(&cport);
     std::string got, from, me = "127.0.0.1:" + std::to_string(cport);
     std::unique_ptr<PtyPair> pty;
     void SetUp() override { udp_new(&udp), averages(), udp_set_resolver(count), resolutions = 0; }
@@ -143,13 +112,13 @@ struct NetUdp : testing::Test {
 
 // slip_print dumps whole headers, stored checksums beside computed ones; print_eth its header.
 TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
-    Bytes good = packet({"dumped", 0x7F000001, 5331, 0x7F000001, 5330, 7, 255, 0x4000}), bad = good;
+    Bytes good = datagram_packet({0x7F000001, 0x7F000001, 5331, 5330, 7, 0x4000, 255, "dumped"}), bad = good;
     bad[11] ^= 1, bad[27] ^= 1;
-    Bytes esc_last = slip(good), big = slip(packet({Bytes(2021, 'x')}));
+    Bytes esc_last = slip_frame(good), big = slip_frame(datagram_packet(dg(Bytes(2021, 'x'))));
     esc_last.back() = '\xDB';
     ETHHdr e{{0xa1, 0xb2, 0xc3, 0xd4, 0xe5, 0xf6}, {10, 11, 12, 13, 14, 15}, 0x88cc};
     EXPECT_EQ(logged([&] {
-        for (Bytes f : {slip(bad), slip(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
+        for (Bytes f : {slip_frame(bad), slip_frame(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
             EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
         print_eth(&e);
     }), "IP Header-----------------------------------\n    version_length = 0x45\n"
@@ -172,16 +141,16 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
     SerialBuf *sb = udp->slip_buf;
     EXPECT_EQ(std::to_string(sb->timeout) + " " + std::to_string(sb->slip_port_src), "3 65535");
     const Bytes op = "0123456789:;<=>?@ABCDEFGHIJKLMNOP";
-    Bytes want = slip(packet({op, 0xFFFFFFFF, 4242, 0x0A000001, 5330, 0, 255, 0x4000}));
+    Bytes want = slip_frame(datagram_packet({0xFFFFFFFF, 0x0A000001, 4242, 5330, 0, 0x4000, 255, op}));
     EXPECT_EQ(logged([&] { write(4242, "10.0.0.1:5330", op); }),
               "debug: UDP_DEBUG: udpw: 33 bytes to 10.0.0.1:5330:\n" +
                   dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) + dump("SLS:", want));
     std::memcpy(&sb->slip_ipaddr_src, "\xC0\xA8\x01\x07", 4);  // address bytes as they lie
     sb->slip_port_src = 5331, sb->slip_identification = 65535, udp->verbose = 0;
-    P k{"\xC0" "a\xDB" "b", 0xC0A80107, 5331, 0x0A000001, 5330, 65535, 255, 0x4000};
-    for (const P &each : {k, zero_sum({"", k.src, k.sport, k.dst, k.dport, 0, 255, 0x4000})}) {
+    Datagram k{0xC0A80107, 0x0A000001, 5331, 5330, 65535, 0x4000, 255, "\xC0" "a\xDB" "b"};
+    for (const Datagram &each : {k, zero_sum({k.src, k.dst, k.sport, k.dport, 0, 0x4000, 255})}) {
         ASSERT_EQ(write(4242, "10.0.0.1:5330", each.payload), 1);
-        want += slip(packet(each));
+        want += slip_frame(datagram_packet(each));
     }
     EXPECT_EQ(read_at_least(pty->master, want.size(), 5000), want);
     EXPECT_EQ(sum(udp->bytes_written) + sum(udp->datarate), 2 * want.size());
@@ -199,16 +168,16 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
 // Good frames among hostile bytes, fed whole at verbosity 0, bytewise at 1, in chunks at 2: the
 // same datagrams come out; every byte counts but those of abandoned frames (bad escape, 2049th).
 TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
-    Bytes first = packet({"first"}), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
+    Bytes first = datagram_packet(dg("first")), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
     bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff.replace(26, 2, "\xFF\xFF"), no_sum.replace(26, 2, 2, 0);
-    Bytes big = packet({Bytes(2021, 'x')}), hdr60 = Bytes(24, 'O');  // 'O' says 60 header bytes
+    Bytes big = datagram_packet(dg(Bytes(2021, 'x'))), hdr60 = Bytes(24, 'O');  // 'O' says 60 header bytes
     Bytes s = "noise\xC0x\xDB\x41\xC0\xC0";  // line noise, then a bad escape
-    for (Bytes f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, packet(zero_sum({})),
-                           packet({.payload = "opt", .opts = {"\1\1\1\0", 4}}), hdr60, big,
-                           packet({Bytes(2020, 'y')}), packet({"last", 0x7F000001})})
-        s += slip(f);
+    for (Bytes f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, datagram_packet(zero_sum(dg(""))),
+                           datagram_packet(dg("opt", 0x0A000009, {"\1\1\1\0", 4})), hdr60, big,
+                           datagram_packet(dg(Bytes(2020, 'y'))), datagram_packet(dg("last", 0x7F000001))})
+        s += slip_frame(f);
     const std::string src = "0 10.0.0.9:6330 ", kept = "kept till a dump writes it\n";
-    const std::vector<std::string> want = {src + "first", src + "first", src + zero_sum({}).payload,
+    const std::vector<std::string> want = {src + "first", src + "first", src + zero_sum(dg("")).payload,
                                            src + "opt", src + Bytes(1024, 'y'),
                                            "0 127.0.0.1:6330 last"};
     auto complaint = [&](const char *what, const Bytes &f, size_t at) {
@@ -237,7 +206,7 @@ TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
         EXPECT_EQ(registered(), "");
         EXPECT_EQ(mode < 2 ? log : "", mode == 1 ? complaints : "");
         EXPECT_TRUE(mode < 2 || log.find(dump("SLR:", first)) != std::string::npos);
-        EXPECT_EQ(sum(udp->bytes_read), s.size() - 3 - (slip(big).size() - 1));
+        EXPECT_EQ(sum(udp->bytes_read), s.size() - 3 - (slip_frame(big).size() - 1));
     }
 }
 
@@ -248,7 +217,7 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
     getsockopt(udp->fd, SOL_SOCKET, SO_BROADCAST, &on, &len);
     EXPECT_EQ(on * 10 + ((fcntl(udp->fd, F_GETFL) & O_NONBLOCK) != 0), 11);
     // Re-opened on p2; each new text is resolved once; a failing one leaves the cache as it was.
-    int p2 = free_udp_port(), reply_from = 0;
+    int p2 = fixed_udp_port(), reply_from = 0;
     std::string huge(256, '1'), results, all;
     for (std::string to : {me, me, std::string("x.invalid:5000"), me, huge, std::string("nopo")})
         results += std::to_string(write(p2, to, to == me ? "a" : "b"));
