@@ -35,13 +35,7 @@ namespace {
 
 using Counters = std::map<std::string, long long>;
 const char *const kIp = "/bin/ip";
-const char *const kDatalogger = "192.168.77.50", *const kClient = "10.77.0.1";
-
-sockaddr_in address(const char *ip, int port) {
-    sockaddr_in a{AF_INET, htons(static_cast<std::uint16_t>(port)), {}, {}};
-    inet_pton(AF_INET, ip, &a.sin_addr);
-    return a;
-}
+constexpr std::uint32_t kDatalogger = 0xC0A84D32, kClient = 0x0A4D0001;  // 192.168.77.50, 10.77.0.1
 
 // Runs ip with the blank-separated args in this thread's network namespace.
 ::testing::AssertionResult ip(const std::string &args) {
@@ -55,7 +49,7 @@ sockaddr_in address(const char *ip, int port) {
 
 // A client's datagram to the datalogger's echo port, both sums in place.
 std::string packet(const std::string &payload) {
-    return datagram_packet({0x0A4D0001, 0xC0A84D32, 40001, 5330, 1, 0x4000, 64, payload});
+    return datagram_packet({kClient, kDatalogger, 40001, 5330, 1, 0x4000, 64, payload});
 }
 
 // Every way the kernel can refuse an incoming IPv4/UDP datagram, and what it took and sent.
@@ -93,9 +87,8 @@ protected:
                                  "route add 10.77.0.1/32 dev kvline0"})
             ASSERT_TRUE(ip(cmd));
         for (int i = 0; i < 2; i++) {
-            sockaddr_in a = address(kDatalogger, 5330 + 1000 * i);
-            echo[i] = socket(AF_INET, SOCK_DGRAM, 0);
-            ASSERT_EQ(bind(echo[i], reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << strerror(errno);
+            int port = 5330 + 1000 * i;
+            ASSERT_GE(echo[i] = udp_socket(&port, kDatalogger), 0) << strerror(errno);
         }
         ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno);
         relay_ns = open("/proc/thread-self/ns/net", O_RDONLY);
@@ -188,7 +181,7 @@ TEST_F(KernelPeer, EchoThroughRelay) {
     // Host ports 5330 and 15330 lead to the datalogger's 5330, 6330 to its 6330.
     TempDir dir;
     dir.write("korvane.pf", "default {\n  mode slip\n  device " + line.slave_path + "\n  baud 115200\n" +
-                                "  q330_ip_address " + kDatalogger + "\n  port_translations {\n" +
+                                "  q330_ip_address 192.168.77.50\n  port_translations {\n" +
                                 "    5330 5330\n    6330 6330\n    15330 5330\n  }\n}\n");
     Child relay({KORVANE_BUILD_DIR "/korvane", "-v"}, dir.path);
     for (int port : {5330, 6330, 15330}) ASSERT_TRUE(wait_udp_bound(port, 10000, relay.pid)) << relay.err();
@@ -198,9 +191,7 @@ TEST_F(KernelPeer, EchoThroughRelay) {
         int port, host_port, fd;
     } clients[] = {{40001, 5330, -1}, {40002, 6330, -1}, {40003, 15330, -1}, {40004, 5330, -1}};
     for (auto &c : clients) {
-        sockaddr_in a = address(kClient, c.port);
-        c.fd = socket(AF_INET, SOCK_DGRAM, 0);
-        ASSERT_EQ(bind(c.fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << strerror(errno);
+        ASSERT_GE(c.fd = udp_socket(&c.port, kClient), 0) << strerror(errno);
     }
     std::mt19937 rng(1055);
     auto random = [&](std::size_t n) {
