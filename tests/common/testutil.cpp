@@ -265,6 +265,16 @@ bool datagram_parse(const std::string &p, Datagram *d) {
     return inet_checksum(pseudo(d->src, d->dst, p.substr(20))) == 0;
 }
 
+std::string dump(const std::string &prefix, const std::string &bytes, const char *fmt, bool closing) {
+    std::string out;
+    char hex[4];
+    for (size_t i = 0; i < bytes.size(); i++) {
+        snprintf(hex, sizeof hex, fmt, static_cast<unsigned char>(bytes[i]));
+        out += (i % 32 ? "" : prefix) + hex + (i % 32 == 31 || i + 1 == bytes.size() ? "\n" : "");
+    }
+    return closing ? out + prefix + "\n" : out;
+}
+
 constexpr char kEnd = '\xC0', kEsc = '\xDB', kEscEnd = '\xDC', kEscEsc = '\xDD';
 
 std::string slip_frame(const std::string &packet) {

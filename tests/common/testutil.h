@@ -98,6 +98,10 @@ std::string datagram_packet(const Datagram &d);
 // True only for IPv4 UDP with a 20-byte header, lengths that agree with the
 // size, and both checksums present and right.
 bool datagram_parse(const std::string &packet, Datagram *d);
+// The relay's dump of bytes: lines of the prefix and up to 32 bytes in fmt,
+// then (when closing) the prefix alone.
+std::string dump(const std::string &prefix, const std::string &bytes, const char *fmt = " %02x",
+                 bool closing = true);
 // END, the packet with END and ESC escaped, END.
 std::string slip_frame(const std::string &packet);
 // Splits the bytes of a line into the frames between END bytes.

@@ -125,18 +125,6 @@ struct Client {
 // read as a host-order number, exchanged on a little-endian host.
 std::uint16_t line_port(int port) { return htons(static_cast<std::uint16_t>(port)); }
 
-// "PREFIX xx xx ..." lines of 32 bytes, then the prefix alone.
-Lines dump(const S &prefix, const S &bytes) {
-    Lines out;
-    char hex[4];
-    for (size_t i = 0; i < bytes.size(); i++) {
-        if (i % 32 == 0) out.push_back(prefix);
-        snprintf(hex, sizeof hex, " %02x", static_cast<unsigned char>(bytes[i]));
-        out.back() += hex;
-    }
-    return out + Lines{prefix};
-}
-
 }  // namespace
 
 TEST(Relay, CommandLineAndParameterBlock) {
@@ -249,7 +237,7 @@ TEST(Relay, EachLevelWritesItsWholeLog) {
                  {"QWR:" + cl + "->192.168.1.50:5330:", ask},
                  {"QRD:192.168.1.50:5330->" + cl + ":", answer},
                  {"UWR:" + host + "->" + cl + ":", answer}})
-            if (level > 1) want = want + Lines{header} + dump(header.substr(0, 4), bytes);
+            if (level > 1) want = want + Lines{header} + log_lines(dump(header.substr(0, 4), bytes));
         EXPECT_EQ(r.proc->stop(SIGINT), 128 + SIGINT) << level;  // at once and silently
         // The endpoints' own dumps and the frame dumps of level 3 come among the others.
         Lines log = log_of(r.proc->err(), &starts);
@@ -297,9 +285,9 @@ TEST(Relay, RepliesFollowClientsTenWaitForAStoppedLineAndItsEndIsFatal) {
     EXPECT_TRUE(r.proc->wait_for_err("QRD:192.168.1.50:5330->10.1.2.3:999:\n", 5000));
     ASSERT_EQ(tcflow(r.line.slave, TCOOFF), 0);
     for (int i = 10; i < 30; i++) udp_send_to(c1.fd, r.ports[0], "burst " + std::to_string(i));
-    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21")[0] + "\n", 10000));
+    EXPECT_TRUE(r.proc->wait_for_err(dump("URD:", "burst 21", " %02x", false), 10000));
     usleep(500000);
-    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22")[0] + "\n", 0));
+    EXPECT_FALSE(r.proc->wait_for_err(dump("URD:", "burst 22", " %02x", false), 0));
     ASSERT_EQ(tcflow(r.line.slave, TCOON), 0);
     for (int i = 10; i < 30; i++) EXPECT_EQ(r.next().payload, "burst " + std::to_string(i));
     close(r.line.master);

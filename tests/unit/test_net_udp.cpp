@@ -47,18 +47,6 @@ Datagram zero_sum(Datagram k) {  // a payload whose last word makes the UDP sum 
     return k.payload = "ze" + datagram_packet(k).substr(26, 2), k;
 }
 
-// Dump lines: the prefix and up to 32 bytes each, then (closing) the prefix alone.
-std::string dump(const std::string &prefix, const Bytes &b, const char *fmt = " %02x",
-                 bool closing = true) {
-    std::string out;
-    char hex[4];
-    for (size_t i = 0; i < b.size(); i++) {
-        snprintf(hex, sizeof hex, fmt, (unsigned char)b[i]);
-        out += (i % 32 ? "" : prefix) + hex + (i % 32 == 31 || i + 1 == b.size() ? "\n" : "");
-    }
-    return closing ? out + prefix + "\n" : out;
-}
-
 std::string word(const Bytes &b, size_t at) {  // a checksum printed as a host word holds it
     char s[8];
     std::uint16_t w;
