@@ -37,9 +37,12 @@ namespace {
 
 using Bytes = std::string;  // frames and packets as the byte strings they are
 
-// A datagram from the datalogger's side (10.0.0.9:6330 to 10.0.0.1:4242), no flags.
+// A datagram from the datalogger's side (10.0.0.9:6330 to 10.0.0.1:4242), no flags; its packet.
 Datagram dg(const Bytes &payload, std::uint32_t src = 0x0A000009, const Bytes &options = "") {
     return {src, 0x0A000001, 6330, 4242, 0, 0, 64, payload, options};
+}
+Bytes packet(const Bytes &payload, std::uint32_t src = 0x0A000009, const Bytes &options = "") {
+    return datagram_packet(dg(payload, src, options));
 }
 
 Datagram zero_sum(Datagram k) {  // a payload whose last word makes the UDP sum compute to 0
@@ -100,13 +103,14 @@ struct NetUdp : testing::Test {
 
 // slip_print dumps whole headers, stored checksums beside computed ones; print_eth its header.
 TEST(NetCodec, SlipPrintDumpsHeadersOrProtocolError) {
-    Bytes good = datagram_packet({0x7F000001, 0x7F000001, 5331, 5330, 7, 0x4000, 255, "dumped"}), bad = good;
+    Bytes good = datagram_packet({0x7F000001, 0x7F000001, 5331, 5330, 7, 0x4000, 255, "dumped"});
+    Bytes bad = good, esc_last = slip_frame(good), big = slip_frame(packet(Bytes(2021, 'x')));
     bad[11] ^= 1, bad[27] ^= 1;
-    Bytes esc_last = slip_frame(good), big = slip_frame(datagram_packet(dg(Bytes(2021, 'x'))));
     esc_last.back() = '\xDB';
     ETHHdr e{{0xa1, 0xb2, 0xc3, 0xd4, 0xe5, 0xf6}, {10, 11, 12, 13, 14, 15}, 0x88cc};
     EXPECT_EQ(logged([&] {
-        for (Bytes f : {slip_frame(bad), slip_frame(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"), esc_last, big})
+        for (Bytes f : {slip_frame(bad), slip_frame(Bytes(23, 'E')), Bytes("\xC0\xDB\x41\xC0"),
+                        esc_last, big})
             EXPECT_EQ(slip_print((unsigned char *)f.data(), int(f.size())), 0);
         print_eth(&e);
     }), "IP Header-----------------------------------\n    version_length = 0x45\n"
@@ -129,7 +133,8 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
     SerialBuf *sb = udp->slip_buf;
     EXPECT_EQ(std::to_string(sb->timeout) + " " + std::to_string(sb->slip_port_src), "3 65535");
     const Bytes op = "0123456789:;<=>?@ABCDEFGHIJKLMNOP";
-    Bytes want = slip_frame(datagram_packet({0xFFFFFFFF, 0x0A000001, 4242, 5330, 0, 0x4000, 255, op}));
+    Bytes want = slip_frame(datagram_packet({0xFFFFFFFF, 0x0A000001, 4242, 5330, 0, 0x4000, 255,
+                                             op}));
     EXPECT_EQ(logged([&] { write(4242, "10.0.0.1:5330", op); }),
               "debug: UDP_DEBUG: udpw: 33 bytes to 10.0.0.1:5330:\n" +
                   dump("debug: UDP_DEBUG: udpw: ", op, " %02X", false) + dump("SLS:", want));
@@ -156,16 +161,17 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
 // Good frames among hostile bytes, fed whole at verbosity 0, bytewise at 1, in chunks at 2: the
 // same datagrams come out; every byte counts but those of abandoned frames (bad escape, 2049th).
 TEST_F(NetUdp, SlipReceivesThroughHostileStream) {
-    Bytes first = datagram_packet(dg("first")), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
+    Bytes first = packet("first"), bad_ip = first, bad_udp = first, ffff = first, no_sum = first;
     bad_ip[11] ^= 1, bad_udp[27] ^= 1, ffff.replace(26, 2, "\xFF\xFF"), no_sum.replace(26, 2, 2, 0);
-    Bytes big = datagram_packet(dg(Bytes(2021, 'x'))), hdr60 = Bytes(24, 'O');  // 'O' says 60 header bytes
+    const Datagram zero = zero_sum(dg(""));
+    Bytes big = packet(Bytes(2021, 'x')), hdr60 = Bytes(24, 'O');  // 'O' says 60 header bytes
     Bytes s = "noise\xC0x\xDB\x41\xC0\xC0";  // line noise, then a bad escape
-    for (Bytes f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, datagram_packet(zero_sum(dg(""))),
-                           datagram_packet(dg("opt", 0x0A000009, {"\1\1\1\0", 4})), hdr60, big,
-                           datagram_packet(dg(Bytes(2020, 'y'))), datagram_packet(dg("last", 0x7F000001))})
+    for (Bytes f : {first, Bytes(23, 'E'), bad_ip, bad_udp, ffff, no_sum, datagram_packet(zero),
+                    packet("opt", 0x0A000009, {"\1\1\1\0", 4}), hdr60, big,
+                    packet(Bytes(2020, 'y')), packet("last", 0x7F000001)})
         s += slip_frame(f);
     const std::string src = "0 10.0.0.9:6330 ", kept = "kept till a dump writes it\n";
-    const std::vector<std::string> want = {src + "first", src + "first", src + zero_sum(dg("")).payload,
+    const std::vector<std::string> want = {src + "first", src + "first", src + zero.payload,
                                            src + "opt", src + Bytes(1024, 'y'),
                                            "0 127.0.0.1:6330 last"};
     auto complaint = [&](const char *what, const Bytes &f, size_t at) {
