@@ -54,18 +54,13 @@ TEST(ShutdownDeathTest, StopsThreadsAndExitsZero) {
 
 // The dump writes any prefix whole, however long, and never past a buffer.
 TEST(Dump, AnyPrefixWhole) {
-    const std::string prefix(300, 'p');
-    unsigned char bytes[33] = {0xab};
-    bytes[32] = 0x01;
+    const std::string prefix(300, 'p'), bytes = "\xab" + std::string(31, '\0') + "\x01";
+    const auto *data = reinterpret_cast<const unsigned char *>(bytes.data());
     testing::internal::CaptureStderr();
-    udp_dump(prefix.c_str(), bytes, 33);
-    udp_dump("x:", bytes, 32);  // a whole line, then the prefix alone
-    std::string full = " ab";
-    for (int i = 1; i < 32; i++) full += " 00";
-    EXPECT_EQ(testutil::log_lines(testing::internal::GetCapturedStderr()),
-              (std::vector<std::string>{"unit_relay_shutdown: " + prefix + full,
-                                        "unit_relay_shutdown: " + prefix + " 01",
-                                        "unit_relay_shutdown: " + prefix,
-                                        "unit_relay_shutdown: x:" + full,
-                                        "unit_relay_shutdown: x:"}));
+    udp_dump(prefix.c_str(), data, 33);
+    udp_dump("x:", data, 32);  // a whole line, then the prefix alone
+    std::string log;
+    for (const std::string &line : testutil::log_lines(testing::internal::GetCapturedStderr()))
+        log += line.substr(line.find(": ") + 2) + "\n";  // without the program's name
+    EXPECT_EQ(log, testutil::dump(prefix, bytes) + testutil::dump("x:", bytes.substr(0, 32)));
 }
