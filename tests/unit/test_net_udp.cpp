@@ -258,6 +258,13 @@ TEST_F(NetUdp, DropsEmptyAndOversizeDatagramsAndReadsOn) {
             ", larger than the 16-byte buffer.\n" + empty + empty);
     EXPECT_EQ(got + " " + from + registered(), "yyyyyyyyyyyyyyyy " + me);
     EXPECT_EQ(sum(udp->bytes_read) + sum(udp->datarate), 2 * (17 + 16 + 5 * 42));  // 42 per header
+    // A zero window leaves an average as it was; the testing knob drops everything, and says so.
+    udp_setup_averages(udp, std_now(), 1, 0, 1, 100, 1, 100);
+    udp->drop_packet_pcnt = 100;
+    udp_send_to(client, port, "z");
+    EXPECT_EQ(logged([&] { read(port, 0.5), write(port, me, "w"); }),
+              "debug: UDP_DEBUG: Random drop packet on receive\ndebug: UDP_DEBUG: Random drop packet on send\n");
+    EXPECT_EQ(std::pair(udp->bytes_read->twin, udp_recv(client, &got, 100)), std::pair(100.0, false));
 }
 
 // Wait slices (300 s at most, 0.1 s less each round), poll's answers, send failures: each message
