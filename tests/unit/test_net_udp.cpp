@@ -222,6 +222,10 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
     EXPECT_EQ(slip_sendto(udp, "", 0, 0, nullptr, 0) + slip_recvfrom(udp, nullptr, 0, 0, 0, 0), -2);
     udp_close(udp);
     EXPECT_EQ(read(cport, -1.0), -2);  // the client's port is taken
+    const int in = dup(0);  // standard input closed: descriptor 0 is refused, with no error text
+    close(0), errno = EPERM;
+    EXPECT_EQ(read(p2, -1.0), -1);
+    dup2(in, 0), close(in);
     char dev[64], to[256];  // setup_mode splits a device form and passes other text through
     for (const char *arg : {"/dev/ttyS1:9600:q:5330", "q:5330", "/dev/ttyS1", "/dev/ttyS1:96"})
         all += std::to_string(setup_mode(arg, dev, 0, to)) + " " + dev + " " + to + "|";
@@ -239,6 +243,7 @@ TEST_F(NetUdp, OpensLazilyReopensResolvesOnceAndReportsFailures) {
                             "slip_recvfrom: endpoint has no link.\n"
                             "udp_open: bind() error. (Address already in use)\n"
                             "udp_read: udp_open(" + std::to_string(cport) + ") error.\n"
+                            "udp_open: socket() error.\nudp_read: udp_open(" + std::to_string(p2) + ") error.\n"
                             "setup_mode: no baudrate number in hostport argument '/dev/ttyS1'.\n"
                             "setup_mode: no hostport in argument '/dev/ttyS1:96'.\n");
 }
