@@ -35,8 +35,9 @@ TEST(Pmtfifo, OrderLimitCheckAndReleaseWithoutBlocking) {
     // Each failure registered one message, with no stale error text.
     testing::internal::CaptureStderr(), elog_clear_register(1);
     std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(std::regex_replace(err, std::regex(".* pmtfifo_"), ""), "push: nullptr refused\ncreate: maxqueue 0 is less than 1\npush: no FIFO\n"
-                   "pop: no FIFO\npop: no result address\nrelease_block: no FIFO\n");
+    EXPECT_EQ(std::regex_replace(err, std::regex(".* pmtfifo_"), ""),
+              "push: nullptr refused\ncreate: maxqueue 0 is less than 1\npush: no FIFO\npop: no FIFO\n"
+              "pop: no result address\nrelease_block: no FIFO\n");
     // Released, it answers at once even with pointers queued; destroy frees those.
     static int freed = 0;
     EXPECT_EQ(pmtfifo_push(fifo, item(1)) + pmtfifo_push(fifo, item(2)), 0);
