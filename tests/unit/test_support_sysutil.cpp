@@ -13,17 +13,22 @@ TEST(Sysutil, SignalTable) {
     std::istringstream list(testutil::run_program({"/bin/bash", "-c", "kill -l"}, "/").out);
     std::map<int, std::string> names;
     for (std::string number, name; list >> number >> name;) names[std::stoi(number)] = name;
+    auto row = [](int sig) {  // "number name|description"
+        const Signal_info *r = signal_bysig(sig);
+        return std::to_string(r->sig) + " " + r->name + "|" + r->description;
+    };
+    const std::string reserved = "|Real-time signal reserved by the C library";
     for (int sig = 1; sig <= SIGRTMAX; ++sig) {
-        std::string want = names.count(sig) ? names[sig] + "|" + strsignal(sig) : "SIG" + std::to_string(sig) + "|Real-time signal reserved by the C library";
-        const auto *row = signal_bysig(sig);
-        EXPECT_EQ(std::to_string(row->sig) + row->name + "|" + row->description, std::to_string(sig) + want);
+        std::string want = names.count(sig) ? names[sig] + "|" + strsignal(sig)
+                                            : "SIG" + std::to_string(sig) + reserved;
+        EXPECT_EQ(row(sig), std::to_string(sig) + " " + want);
     }
     for (int sig : {0, -1, SIGRTMAX + 1}) EXPECT_EQ(signal_bysig(sig), signal_bysig(0)) << sig;
-    EXPECT_EQ(std::to_string(signal_bysig(0)->sig) + signal_bysig(0)->name + signal_bysig(0)->description, "0UNKNOWNUnknown signal");
+    EXPECT_EQ(row(0), "0 UNKNOWN|Unknown signal");
 }
 
-// Quiet until the time-out; a signal ends the wait as an error (even where calls are restarted), so that
-// a reader can leave; data, a vanished writer and a closed descriptor.
+// Quiet until the time-out; a signal ends the wait as an error (even where calls are restarted), so
+// that a reader can leave; data, a vanished writer and a closed descriptor.
 TEST(Sysutil, FdwaitOnAPipe) {
     int p[2];
     auto result = [](long rc) { return std::pair{rc, errno}; };  // errno read after the call
@@ -35,14 +40,15 @@ TEST(Sysutil, FdwaitOnAPipe) {
     std::thread kicker([self = pthread_self()] { usleep(200000), pthread_kill(self, SIGUSR1); });
     EXPECT_EQ(result(fdwait(p[0], -1)), std::pair(-1L, EINTR));
     kicker.join();
-    EXPECT_EQ((std::vector<long>{write(p[1], "x", 1), fdwait(p[0], 1000), read(p[0], &start, 1), close(p[1]),
-                                 fdwait(p[0], 1000), close(p[0])}), (std::vector<long>{1, 1, 1, 0, 1, 0}));
+    EXPECT_EQ((std::vector<long>{write(p[1], "x", 1), fdwait(p[0], 1000), read(p[0], &start, 1),
+                                 close(p[1]), fdwait(p[0], 1000), close(p[0])}),
+              (std::vector<long>{1, 1, 1, 0, 1, 0}));
     EXPECT_EQ(result(fdwait(p[0], 1000)), std::pair(-1L, EBADF));
 }
 
-// The layout is the system's `hexdump -C` at every length around a line end, every byte value included
-// (it adds a last line with the total, and squeezes repeated lines: none here).
-TEST(Sysutil, HexdumpLayoutAndUniformRandomNumbers) {
+// The layout is the system's `hexdump -C` at every length around a line end, every byte value
+// included (it adds a last line with the total, and squeezes repeated lines: none here).
+TEST(Sysutil, HexdumpLayout) {
     char *text = nullptr;
     size_t size = 0;
     std::string data;
@@ -58,12 +64,16 @@ TEST(Sysutil, HexdumpLayoutAndUniformRandomNumbers) {
         free(text);
     }
     EXPECT_EQ(hexdump(stdout, "x", -1) + hexdump(nullptr, "x", 1) + hexdump(stdout, nullptr, 1), -3);
-    // Random numbers: 100000 draws fill ten bins of [0, 1] evenly; two new threads draw apart.
-    std::vector<int> bins(11), want = {10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 0};  // thousands; then outside [0, 1]
-    for (double r = 0, i = 0; i < 100000; ++i) ++bins[(r = disordered()) < 0 || r > 1 ? 10 : std::min(9, int(r * 10))];
-    for (int b = 0; b < 10; b++) bins[b] = (bins[b] + 500) / 1000;
+}
+
+// 100000 draws fill ten bins of [0, 1] evenly; two new threads draw apart.
+TEST(Sysutil, UniformRandomNumbers) {
+    std::vector<int> bins(11), want = {10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 0};  // 0 outside
+    for (double r = 0, i = 0; i < 100000; ++i)
+        ++bins[(r = disordered()) < 0 || r > 1 ? 10 : std::min(9, int(r * 10))];
+    for (int b = 0; b < 10; b++) bins[b] = (bins[b] + 500) / 1000;  // in thousands
     EXPECT_EQ(bins, want);
     double a[2][4];
-    for (auto &draws : a) std::thread([&draws] { for (double &x : draws) x = disordered(); }).join();
+    for (auto &row : a) std::thread([&row] { for (double &x : row) x = disordered(); }).join();
     EXPECT_FALSE(std::equal(a[0], a[0] + 4, a[1])) << "two threads drew the same sequence";
 }
