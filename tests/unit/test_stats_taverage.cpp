@@ -111,9 +111,8 @@ TEST(TAverageDeathTest, FailuresNameTheirCause) {
     setrlimit(RLIMIT_AS, &old);
     std::string err = (elog_clear_register(1), testing::internal::GetCapturedStderr());
     std::string want = "tbin cannot be == 0\n.* taverage_create: nbin = 0 must be > 0\n";
-    if (nbin)
-        want += ".* taverage_create: malloc\\(TAverage->bins,17179869176\\) error\\. "
-                "\\(Cannot allocate memory\\)\n";
+    if (nbin) want += ".* taverage_create: malloc\\(TAverage->bins,17179869176\\) error\\. "
+                      "\\(Cannot allocate memory\\)\n";
     EXPECT_EQ(made, std::vector<TAverage *>(3, nullptr));
     EXPECT_TRUE(std::regex_match(err, std::regex(".* taverage_create: " + want))) << err;
     TAverage *one = taverage_create(0, 1, 1);  // one bin is enough
