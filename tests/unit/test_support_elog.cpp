@@ -6,8 +6,8 @@
 #include <regex>
 #include <thread>
 
-// What fn wrote to standard error, each line checked for the time stamp and the program's base
-// name, and given back without them.
+// What fn wrote to standard error, each line checked for the time stamp and the program's base name, and given back
+// without them.
 static std::string logged(const std::function<void()> &fn) {
     std::string err = (testing::internal::CaptureStderr(), fn(), testing::internal::GetCapturedStderr());
     std::regex head("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} korvane: (.*\n)");
@@ -16,24 +16,20 @@ static std::string logged(const std::function<void()> &fn) {
 static void print_register() { elog_clear_register(1); }
 
 TEST(Elog, EveryKindOfLineAndTheErrorTextOfFlagOne) {
-    char arg0[] = "/usr/local/bin/korvane", other[] = "other";
-    char *argv[] = {arg0, nullptr}, *none[] = {other, nullptr};
+    char arg0[] = "/usr/local/bin/korvane", *argv[] = {arg0, nullptr}, other[] = "other", *none[] = {other, nullptr};
     elog_init(1, argv), elog_init(0, none);  // the base name of argv[0]; no arguments change nothing
     struct Row { const char *behaviour; std::function<void()> call; const char *line; };
     const Row rows[] = {
         {"notify is plain", [] { elog_notify(0, "note %d\n", 1); }, "note 1\n"},
         {"complain warns, newline or not", [] { elog_complain(0, "careful"); }, "warning: careful\n"},
         {"debug", [] { elog_debug(0, "detail\n"); }, "debug: detail\n"},
-        {"flag 1 adds errno's text", [] { errno = ENOENT, elog_notify(1, "open\n"); },
-         "open (No such file or directory)\n"},
+        {"flag 1: errno text", [] { errno = ENOENT, elog_notify(1, "open\n"); }, "open (No such file or directory)\n"},
         {"flag 1, errno 0: no text", [] { errno = 0, elog_complain(1, "recv\n"); }, "warning: recv\n"},
         {"an empty message", [] { elog_notify(0, "\n"); }, "\n"},
         {"a write error ends the line, not retried for ever, and errno is kept", [] {
              int saved = (elog_log(0, "lost\n"), dup(2));
-             for (auto write_it : {elog_notify, elog_complain, elog_debug, elog_log}) {
-                 close(2), errno = ENOENT, write_it(0, "lost\n"), elog_clear_register(1);
-                 EXPECT_EQ(errno, ENOENT);
-             }
+             for (auto write_it : {elog_notify, elog_complain, elog_debug, elog_log})
+                 EXPECT_EQ((close(2), errno = ENOENT, write_it(0, "lost\n"), elog_clear_register(1), errno), ENOENT);
              dup2(saved, 2), close(saved);
          }, ""}};
     for (const Row &r : rows) EXPECT_EQ(logged(r.call), r.line) << r.behaviour;
@@ -57,6 +53,5 @@ TEST(Elog, RegisterPerThreadOldestFirstBoundedToTheNewest) {
 
 TEST(ElogDeathTest, DieWritesRegisteredMessagesFirstAndExitsOne) {
     EXPECT_EXIT((elog_log(0, "inner failure\n"), elog_die(0, "Parameter file parsing error.\n")),
-                testing::ExitedWithCode(1),
-                ": inner failure\n[^\n]* fatal: Parameter file parsing error\\.\n$");
+                testing::ExitedWithCode(1), ": inner failure\n[^\n]* fatal: Parameter file parsing error\\.\n$");
 }

@@ -17,8 +17,8 @@ static std::string registered() {
     return std::regex_replace(err, std::regex("(^|\n)\\S+ \\S+ [^ :]+: "), "$1");
 }
 
-// A look-up as text: the int, the string, "-" for an untouched result (nothing for another one);
-// then " failed: " and what it registered.
+// A look-up as text: the int, the string, "-" for an untouched result (nothing for another one); then " failed: "
+// and what it registered.
 static std::string look(Pf *pf, const char *name, int type, int required = 1) {
     void *p = nullptr;
     int i = -7, rc = parse_param(pf, name, type, required, type == PF_INT ? (void *)&i : &p);
@@ -29,32 +29,27 @@ static std::string look(Pf *pf, const char *name, int type, int required = 1) {
 
 TEST(Pf, SyntaxAndEveryLookupCode) {
     const char sample[] =  // a byte-order mark, CRLF lines, no newline at the end
-        "\xEF\xBB\xBF# comment\r\ndefault {      # the relay's block\r\n  mode  slip\n"
-        "  baud  19200\n\n  baud  38400  # the later one wins\n"
-        "  port_translations {\n    5330   5330\n    10000  6330\n  }\n  lone\n}\n"
-        "other {\n  note  \"keeps  blanks # and \\\"quotes\\\" \\\\ \"   # comment\n"
-        "  nested { \n  }\n}\n"
-        "ints {\n b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n"
-        " i 2147483648\n}\nflat  just a  value";
+        "\xEF\xBB\xBF# comment\r\ndefault {      # the relay's block\r\n  mode  slip\n  baud  19200\n\n"
+        "  baud  38400  # the later one wins\n  port_translations {\n    5330   5330\n    10000  6330\n  }\n  lone\n}\n"
+        "other {\n  note  \"keeps  blanks # and \\\"quotes\\\" \\\\ \"   # comment\n  nested { \n  }\n}\nints {\n"
+        " b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n i 2147483648\n}\nflat  just a  value";
     Pf *pf = nullptr, *d = nullptr, *o = nullptr, *n = nullptr;
     ASSERT_EQ(pfparse_text(sample, "sample.pf", &pf), 0) << registered();
     for (auto [name, block] : {std::pair("default", &d), {"other", &o}, {"ints", &n}})
         ASSERT_EQ(parse_param(pf, name, PF_BLOCK, 1, block), 0) << name;
-    const std::string no = "- failed: parse_param: '", scalar = "' is a scalar, not a block\n",
-                      block = "' is a block, not a scalar\n";
+    const std::string no = "- failed: parse_param: '", null = "- failed: parse_param: null argument\n";
+    const std::string scalar = "' is a scalar, not a block\n", block = "' is a block, not a scalar\n";
     struct Row { Pf *in; const char *name; int type; std::string want; int required = 1; };
     const Row rows[] = {
         {d, "mode", PF_STRING, "slip"}, {d, "lone", PF_STRING, ""}, {d, "baud", PF_INT, "38400"},
-        {pf, "flat", PF_STRING, "just a  value"}, {n, "b", PF_INT, "-2147483648"},
-        {o, "note", PF_STRING, "keeps  blanks # and \"quotes\" \\ "}, {n, "c", PF_INT, "2147483647"},
+        {pf, "flat", PF_STRING, "just a  value"}, {n, "b", PF_INT, "-2147483648"}, {n, "c", PF_INT, "2147483647"},
+        {o, "note", PF_STRING, "keeps  blanks # and \"quotes\" \\ "}, {d, "flow", PF_STRING, "-", 0},
         {n, "i", PF_INT, no + "i' is out of the int range: '2147483648'\n"},
-        {d, "flow", PF_STRING, "-", 0}, {d, "flow", PF_STRING, no + "flow' is missing\n"},
         {d, "mode", PF_BLOCK, no + "mode" + scalar}, {d, "mode", PF_ARR, no + "mode" + scalar},
-        {pf, "default", PF_STRING, no + "default" + block},
-        {pf, "default", PF_INT, no + "default" + block},
+        {pf, "default", PF_STRING, no + "default" + block}, {pf, "default", PF_INT, no + "default" + block},
         {pf, "other", PF_ARR, no + "other' holds the block 'nested'; only name/value pairs are allowed\n"},
-        {d, "mode", 3, no + "mode': unknown type code 3\n"},
-        {nullptr, "mode", PF_INT, "- failed: parse_param: null argument\n"}};
+        {d, "mode", 3, no + "mode': unknown type code 3\n"}, {d, "flow", PF_STRING, no + "flow' is missing\n"},
+        {nullptr, "mode", PF_INT, null}, {d, nullptr, PF_INT, null}};
     for (const Row &r : rows) EXPECT_EQ(look(r.in, r.name, r.type, r.required), r.want) << r.name;
     for (auto [name, text] : {std::pair("d", "12x"), {"e", ""}, {"f", " 12"}, {"g", "+"}})
         EXPECT_EQ(look(n, name, PF_INT), no + name + "' is not an integer: '" + text + "'\n");
@@ -64,25 +59,22 @@ TEST(Pf, SyntaxAndEveryLookupCode) {
     EXPECT_STREQ((char *)getarr(ports, "5330"), "5330");
     EXPECT_STREQ((char *)getarr(ports, "10000"), "6330");
     freearr(ports, free);
-    EXPECT_EQ(pfparse_text(nullptr, "x", &pf), -1);
-    EXPECT_EQ(registered(), "pfparse_text: null argument\n");
+    EXPECT_EQ(pfparse_text(nullptr, "x", &pf) + parse_param(d, "mode", PF_STRING, 1, nullptr), -2);
+    EXPECT_EQ(registered(), "pfparse_text: null argument\nparse_param: null argument\n");
     pffree(pf);
 }
 
-// Through files: every syntax error names its line (the NUL case needs the length), and how a name
-// is looked up.
+// Through files: every syntax error names its line (the NUL case needs the length), and how a name is looked up.
 TEST(Pf, FileSyntaxErrorsAndLookup) {
     std::string deep, closes;  // one block too many; 64 are fine
     for (int i = 0; i < 65; ++i) deep += "a {\n", closes += "}\n";
     struct Case { std::string text; int line; const char *why; };
     const Case cases[] = {
         {"a 1\n}\n", 2, "'}' without an open block"}, {"a {\n  b 1\n} x\n", 3, "text after '}'"},
-        {"a {\n  b {\n  }\n  c {\n", 4, "block 'c' is never closed"},
-        {"a { b 1\n}\n", 1, "'{' not at the end of the line"},
-        {"# x\n{\n}\n", 2, "'{' without a block name"},
+        {"a {\n  b {\n  }\n  c {\n", 4, "block 'c' is never closed"}, {"# x\n{\n}\n", 2, "'{' without a block name"},
+        {"a { b 1\n}\n", 1, "'{' not at the end of the line"}, {"\"note\" a\n", 1, "a name cannot be quoted"},
         {"n \"abc\\\"\n", 1, "unterminated quote"}, {"n \"a\\", 1, "unterminated quote"},
         {"note \"a\\nb\"\n", 1, "bad escape '\\n' in quotes (only \\\" and \\\\)"},
-        {"\"note\" a\n", 1, "a name cannot be quoted"},
         {"note \"a\" b\n", 1, "text after the closing quote"},
         {"a {\n  5330 5330 }\n}\n", 2, "'}' must stand alone on its line"},
         {"port translations {\n}\n", 1, "'{' must end a line that holds only the block name"},
@@ -105,11 +97,10 @@ TEST(Pf, FileSyntaxErrorsAndLookup) {
     ASSERT_TRUE(getcwd(old_cwd, sizeof old_cwd) && chdir(dir.path.c_str()) == 0);
     const std::string none = "pfread: no parameter file for '";
     const std::string names[][2] = {
-        {"korvane", "korvane.pf"}, {"korvane.pf", "korvane.pf"}, {"./site", "site.pf"},
-        {"./plain", "plain"}, {"", "pfread: no parameter file name\n"},
+        {"korvane", "korvane.pf"}, {"korvane.pf", "korvane.pf"}, {"./site", "site.pf"}, {"./plain", "plain"},
+        {"", "pfread: no parameter file name\n"}, {"./gone.pf", none + "./gone.pf': tried ./gone.pf\n"},
         {"absent", none + "absent': tried ./absent.pf, /etc/absent.pf\n"},
         {"./nothing", none + "./nothing': tried ./nothing, ./nothing.pf\n"},
-        {"./gone.pf", none + "./gone.pf': tried ./gone.pf\n"},
         {"dir", none + "dir': tried ./dir.pf (not a regular file), /etc/dir.pf\n"}};
     for (auto &n : names) {
         Pf *pf = nullptr;
