@@ -26,15 +26,13 @@ static V get(TAverage *avg, double time, double twin) {
 TEST(TAverage, BinnedPutsAndGets) {
     // Newest bin ends at 1010; the bins are lent a guarded array, so that a step past them shows.
     TAverage *avg = taverage_create(1000, 10, 5);
-    double guarded[12] = {1e6, 0, 0, 0, 0, 0, 1e6, 1e6, 1e6, 1e6, 1e6, 1e6};
-    double *own = std::exchange(avg->bins, guarded + 1);
+    double guard[12] = {1e6, 0, 0, 0, 0, 0, 1e6, 1e6, 1e6, 1e6, 1e6, 1e6}, *own = std::exchange(avg->bins, guard + 1);
     V ends;
-    // Bin 0 from 5 s before its end to the end itself; 0.5 s past it: one step to 1020, old bin 0
-    // moves to 1; 25 s before 1020: bin 2; 60 s before: bin 6 does not exist, dropped.
+    // Bin 0 from 5 s before its end to the end itself; 0.5 s past it: one step to 1020, the old bin 0 moves to 1;
+    // 25 s before 1020: bin 2; 60 s before: bin 6 does not exist, dropped.
     for (auto [now, value] : {std::pair(1005.0, 1.0), {1010, 2}, {1010.5, 4}, {995, 8}, {960, 16}})
         put_at(avg, now, value), ends.push_back(avg->time);
-    EXPECT_EQ(ends, (V{1010, 1010, 1020, 1020, 1020}));
-    EXPECT_EQ(slots(avg, 5), (V{4, 3, 8, 0, 0}));
+    EXPECT_EQ(std::pair(ends, slots(avg, 5)), std::pair(V{1010, 1010, 1020, 1020, 1020}, V{4, 3, 8, 0, 0}));
     struct Row { const char *behaviour; double time, twin; V want; };
     const Row rows[] = {
         {"past: end bin 1 (1010), start bin 2 (990)", 1005, 10, {1010, 20, 11, 0.55}},
@@ -42,19 +40,17 @@ TEST(TAverage, BinnedPutsAndGets) {
         {"a start 0.5 ms before the 1010 edge lies on it", 1020, 10.0005, {1020, 10, 4, 0.4}},
         {"an end 0.5 ms after the 1030 edge lies on it", 1030.0005, 20.0005, {1030, 20, 4, 0.2}},
         {"an end 2 ms after it lies in the next bin", 1030.002, 20.002, {1040, 30, 4, 4.0 / 30}},
-        {"a far-off end and window: every bin", 1e12 + 1010, 1e12 + 1020,
-         {1e12 + 1010, 1e12 + 1020, 15, 15 / (1e12 + 1020)}},
+        {"far-off window: every bin", 1e12 + 1010, 1e12 + 1020, {1e12 + 1010, 1e12 + 1020, 15, 15 / (1e12 + 1020)}},
         {"a window from the newest bin's end on: nothing yet", 1030, 10, {1030, 10, 0, 0}},
         {"a window wholly in the future: nothing", 1060, 20, {1060, 20, 0, 0}},
         {"a far-off past: nothing", -1e12, 10, {-1e12, 10, 0, 0}}};
     for (const Row &r : rows) EXPECT_EQ(get(avg, r.time, r.twin), r.want) << r.behaviour;
     put_at(avg, 1100, 32);  // 9 bins past the end, more than 5: all cleared, end 1020 + 9*10
     EXPECT_EQ(std::pair(avg->time, slots(avg, 5)), std::pair(1110.0, V{0, 32, 0, 0, 0}));
-    EXPECT_EQ(std::count(guarded, guarded + 12, 1e6), 7) << "a bin past the five was written";
+    EXPECT_EQ(std::count(guard, guard + 12, 1e6), 7) << "a bin past the five was written";
     avg->bins = own;
-    // Bins of 2^-14 s, narrower than the 1 ms margin: an end 2^-11 s after the newest bin lies in
-    // the next. Bins of 10 ns at 1e9 s, below the double's resolution there: the window covered
-    // rounds to 0 s, so an empty sum averages 0, a non-empty one 1e30.
+    // Bins of 2^-14 s, narrower than the 1 ms margin: an end 2^-11 s past the newest bin lies in the next. Bins of
+    // 10 ns at 1e9 s, finer than a double there: the window rounds to 0 s, so an empty sum averages 0, a full one 1e30.
     const double tiny = 1.0 / 16384, late = tiny + 1.0 / 2048;
     TAverage *narrow = taverage_create(1, tiny, 4), *fine = taverage_create(1e9, 1e-8, 4);
     EXPECT_EQ(get(narrow, 1 + late, late), (V{1 + 2 * tiny, 2 * tiny, 0, 0}));
@@ -65,11 +61,10 @@ TEST(TAverage, BinnedPutsAndGets) {
     taverage_destroy(avg), taverage_destroy(narrow), taverage_destroy(fine);
 }
 
-// Events: a 10 s window of times, newest first, in 100 slots that grow by half when full; destroy
-// frees the record and its slots (10000 of them hold nothing).
+// Events: a 10 s window of times, newest first, in 100 slots that grow by half when full; destroy frees the record
+// and its slots (10000 of them hold nothing).
 TEST(TAverage, EventsExpireAndGrow) {
-    TAverage *avg = taverage_create(10, -1, 0), *many = taverage_create(1e6, -1, 0);
-    TAverage *none = taverage_create(-1, -1, 0);
+    TAverage *avg = taverage_create(10, -1, 0), *many = taverage_create(1e6, -1, 0), *none = taverage_create(-1, -1, 0);
     double guarded[101] = {}, *own = std::exchange(avg->bins, guarded);  // a guard after 100 slots
     guarded[100] = 1;
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
@@ -83,22 +78,20 @@ TEST(TAverage, EventsExpireAndGrow) {
     for (int i = 1; i <= 101; i++) put_at(many, i, 0);  // the 101st finds no free slot: 100*1.5+1
     put_at(none, 5, 0);  // a negative window forgets even the put just made
     double *b = many->bins;
-    EXPECT_EQ(std::pair(many->nbin, V{b[0], b[100], b[101], b[150], none->bins[0]}),
-              std::pair(151, V{101, 1, 0, 0, 0}));
+    EXPECT_EQ(std::pair(many->nbin, V{b[0], b[100], b[101], b[150], *none->bins}), std::pair(151, V{101, 1, 0, 0, 0}));
     for (TAverage *a : {avg, many, none, (TAverage *)nullptr}) EXPECT_EQ(taverage_destroy(a), 0);
     size_t held = mallinfo2().uordblks;
     for (int i = 0; i < 10000; i++) taverage_destroy(taverage_create(0, 1, 10));
     EXPECT_LT(mallinfo2().uordblks - held, 100000u);
 }
 
-// The argument checks carry no error text left over from an earlier call; byte counts are printed
-// whole, past the int range too (with 256 MiB more address space than now, the bins cannot be had).
+// The argument checks carry no error text left over from an earlier call; byte counts are printed whole, past the int
+// range too (with 256 MiB more address space than now, the bins cannot be had).
 TEST(TAverageDeathTest, FailuresNameTheirCause) {
     long pages = 0, nbin = INT_MAX;
     std::ifstream("/proc/self/statm") >> pages;
-    struct rlimit old, small;
-    getrlimit(RLIMIT_AS, &old);
-    small = {rlim_t(pages * sysconf(_SC_PAGESIZE) + (256 << 20)), old.rlim_max};
+    struct rlimit old, small = (getrlimit(RLIMIT_AS, &old), old);
+    small.rlim_cur = pages * sysconf(_SC_PAGESIZE) + (256 << 20);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // they need the address space
     nbin = 0;
 #endif
@@ -118,8 +111,7 @@ TEST(TAverageDeathTest, FailuresNameTheirCause) {
     TAverage *one = taverage_create(0, 1, 1);  // one bin is enough
     EXPECT_EQ((std::pair{one != nullptr, taverage_destroy(one)}), std::pair(true, 0));
     if (!nbin) return;
-    // 200 MB of event slots, all taken: no room for 300 MB.
-    TAverage *full = taverage_create(1, -1, 25000000);
+    TAverage *full = taverage_create(1, -1, 25000000);  // 200 MB of event slots, all taken: no room for 300 MB
     std::fill(full->bins, full->bins + full->nbin, 1.0);
     EXPECT_EXIT((setrlimit(RLIMIT_AS, &small), put_at(full, 2, 0)), testing::ExitedWithCode(1),
                 "taverage_put: realloc \\(300000008\\) error\\. \\(Cannot allocate memory\\)\n");

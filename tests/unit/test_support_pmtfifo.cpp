@@ -27,40 +27,32 @@ TEST(Pmtfifo, OrderLimitCheckAndReleaseWithoutBlocking) {
     EXPECT_EQ(got, (std::vector<int>{0, 0, 0, -2, -1}));  // full; nullptr refused by check
     EXPECT_EQ(pop_n(fifo, 4), (Values{1, 2, 3, 0}));     // in order, then nothing, no error
     void *p = nullptr;
-    errno = EAGAIN;
-    EXPECT_EQ((std::vector<int>{pmtfifo_create(0, 1, 0) != nullptr, pmtfifo_push(nullptr, p),
-                                pmtfifo_pop(nullptr, &p), pmtfifo_pop(fifo, nullptr),
-                                pmtfifo_release_block(nullptr), pmtfifo_destroy(nullptr, nullptr)}),
-              (std::vector<int>{0, -1, -1, -1, -1, 0}));
-    // Each failure registered one message, with no stale error text.
+    errno = EAGAIN;  // each failure below registers one message, with no stale error text
+    EXPECT_EQ((std::vector<int>{pmtfifo_create(0, 1, 0) != nullptr, pmtfifo_push(nullptr, p), pmtfifo_pop(nullptr, &p),
+                                pmtfifo_pop(fifo, nullptr), pmtfifo_release_block(nullptr),
+                                pmtfifo_destroy(nullptr, nullptr)}), (std::vector<int>{0, -1, -1, -1, -1, 0}));
     testing::internal::CaptureStderr(), elog_clear_register(1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(std::regex_replace(err, std::regex(".* pmtfifo_"), ""),
+    EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStderr(), std::regex(".* pmtfifo_"), ""),
               "push: nullptr refused\ncreate: maxqueue 0 is less than 1\npush: no FIFO\npop: no FIFO\n"
               "pop: no result address\nrelease_block: no FIFO\n");
     // Released, it answers at once even with pointers queued; destroy frees those.
     static int freed = 0;
-    EXPECT_EQ(pmtfifo_push(fifo, item(1)) + pmtfifo_push(fifo, item(2)), 0);
-    EXPECT_EQ(pmtfifo_release_block(fifo), 0);
+    EXPECT_EQ(pmtfifo_push(fifo, item(1)) + pmtfifo_push(fifo, item(2)) + pmtfifo_release_block(fifo), 0);
     EXPECT_EQ((std::pair{pmtfifo_push(fifo, item(5)), pop_n(fifo, 1)}), std::pair(-3, Values{3000}));
     EXPECT_EQ((std::pair{pmtfifo_destroy(fifo, [](void *) { ++freed; }), freed}), std::pair(0, 2));
 }
 
-// Blocking: a push waits for room, a pop for an item (up to the time-out); release wakes both.
-// Two producers that keep the queue of 10 full lose and duplicate nothing, each one's items in
-// order.
+// Blocking: a push waits for room, a pop for an item (up to the time-out); release wakes both. Two producers that keep
+// the queue of 10 full lose and duplicate nothing, each one's items in order.
 TEST(Pmtfifo, BlockingWaitsForRoomItemTimeOutOrRelease) {
     Pmtfifo *fifo = pmtfifo_create(10, 1, 0), *empty = pmtfifo_create(1, 1, 0);
-    auto twin = [fifo](int odd) {
-        for (int i = 1; i <= 5000; ++i) pmtfifo_push(fifo, item(2 * i + odd));
-    };
+    auto twin = [fifo](int odd) { for (int i = 1; i <= 5000; ++i) pmtfifo_push(fifo, item(2 * i + odd)); };
     std::thread twins[] = {std::thread(twin, 0), std::thread(twin, 1)};
     std::uintptr_t next[] = {2, 3};
     for (std::uintptr_t v : pop_n(fifo, 10000)) EXPECT_EQ(v, std::exchange(next[v % 2], v + 2));
     for (auto &t : twins) t.join();
-    // A blocking pop on an empty FIFO gives up after the time-out, with no error.
-    long long start = (fifo->timeout = 1.2, testutil::now_ms());
-    EXPECT_EQ(pop_n(fifo, 1), Values{0});
+    long long start = (fifo->timeout = 1.2, testutil::now_ms());  // a blocking pop on an empty FIFO gives up
+    EXPECT_EQ(pop_n(fifo, 1), Values{0});                             // after the time-out, with no error
     EXPECT_GE(testutil::now_ms() - start, 1100);
     for (int i = 1; i <= 10; ++i) ASSERT_EQ(pmtfifo_push(fifo, item(i)), 0);
     start = (fifo->timeout = 0.3, testutil::now_ms());  // and so does a push onto a full one

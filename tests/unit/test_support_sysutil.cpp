@@ -19,15 +19,14 @@ TEST(Sysutil, SignalTable) {
     };
     const std::string reserved = "|Real-time signal reserved by the C library";
     for (int sig = 1; sig <= SIGRTMAX; ++sig) {
-        std::string want = names.count(sig) ? names[sig] + "|" + strsignal(sig)
-                                            : "SIG" + std::to_string(sig) + reserved;
+        auto want = names.count(sig) ? names[sig] + "|" + strsignal(sig) : "SIG" + std::to_string(sig) + reserved;
         EXPECT_EQ(row(sig), std::to_string(sig) + " " + want);
     }
     for (int sig : {0, -1, SIGRTMAX + 1}) EXPECT_EQ(row(sig), "0 UNKNOWN|Unknown signal") << sig;
 }
 
-// Quiet until the time-out; a signal ends the wait as an error (even where calls are restarted), so
-// that a reader can leave; data, a vanished writer and a closed descriptor.
+// Quiet until the time-out; a signal ends the wait as an error (even where calls are restarted), so that a reader can
+// leave; data, a vanished writer and a closed descriptor.
 TEST(Sysutil, FdwaitOnAPipe) {
     int p[2];
     auto result = [](long rc) { return std::pair{rc, errno}; };  // errno read after the call
@@ -39,14 +38,13 @@ TEST(Sysutil, FdwaitOnAPipe) {
     std::thread kicker([self = pthread_self()] { usleep(200000), pthread_kill(self, SIGUSR1); });
     EXPECT_EQ(result(fdwait(p[0], -1)), std::pair(-1L, EINTR));
     kicker.join();
-    EXPECT_EQ((std::vector<long>{write(p[1], "x", 1), fdwait(p[0], 1000), read(p[0], &start, 1),
-                                 close(p[1]), fdwait(p[0], 1000), close(p[0])}),
-              (std::vector<long>{1, 1, 1, 0, 1, 0}));
+    EXPECT_EQ((std::vector<long>{write(p[1], "x", 1), fdwait(p[0], 1000), read(p[0], &start, 1), close(p[1]),
+                                 fdwait(p[0], 1000), close(p[0])}), (std::vector<long>{1, 1, 1, 0, 1, 0}));
     EXPECT_EQ(result(fdwait(p[0], 1000)), std::pair(-1L, EBADF));
 }
 
-// The layout is the system's `hexdump -C` at every length around a line end, every byte value
-// included (it adds a last line with the total, and squeezes repeated lines: none here).
+// The layout is the system's `hexdump -C` at every length around a line end, every byte value included (it adds a
+// last line with the total, and squeezes repeated lines: none here).
 TEST(Sysutil, HexdumpLayout) {
     char *text = nullptr;
     size_t size = 0;
@@ -68,8 +66,7 @@ TEST(Sysutil, HexdumpLayout) {
 // 100000 draws fill ten bins of [0, 1] evenly; two new threads draw apart.
 TEST(Sysutil, UniformRandomNumbers) {
     std::vector<int> bins(11), want = {10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 0};  // 0 outside
-    for (double r = 0, i = 0; i < 100000; ++i)
-        ++bins[(r = disordered()) < 0 || r > 1 ? 10 : std::min(9, int(r * 10))];
+    for (double r = 0, i = 0; i < 100000; ++i) ++bins[(r = disordered()) < 0 || r > 1 ? 10 : std::min(9, int(r * 10))];
     for (int b = 0; b < 10; b++) bins[b] = (bins[b] + 500) / 1000;  // in thousands
     EXPECT_EQ(bins, want);
     double a[2][4];
