@@ -33,8 +33,7 @@ TEST(TAverage, BinnedPutsAndGets) {
     for (auto [now, value] : {std::pair(1005.0, 1.0), {1010, 2}, {1010.5, 4}, {995, 8}, {960, 16}})
         put_at(avg, now, value), ends.push_back(avg->time);
     EXPECT_EQ(std::pair(ends, slots(avg, 5)), std::pair(V{1010, 1010, 1020, 1020, 1020}, V{4, 3, 8, 0, 0}));
-    struct Row { const char *behaviour; double time, twin; V want; };
-    const Row rows[] = {
+    const struct Row { const char *behaviour; double time, twin; V want; } rows[] = {
         {"past: end bin 1 (1010), start bin 2 (990)", 1005, 10, {1010, 20, 11, 0.55}},
         {"future: end bin -2 (1040), the sum from bin 0", 1035, 30, {1040, 40, 7, 7.0 / 40}},
         {"a start 0.5 ms before the 1010 edge lies on it", 1020, 10.0005, {1020, 10, 4, 0.4}},
@@ -103,11 +102,10 @@ TEST(TAverageDeathTest, FailuresNameTheirCause) {
                                     nbin ? taverage_create(0, 1, int(nbin)) : nullptr};
     setrlimit(RLIMIT_AS, &old);
     std::string err = (elog_clear_register(1), testing::internal::GetCapturedStderr());
-    std::string want = "tbin cannot be == 0\n.* taverage_create: nbin = 0 must be > 0\n";
-    if (nbin) want += ".* taverage_create: malloc\\(TAverage->bins,17179869176\\) error\\. "
-                      "\\(Cannot allocate memory\\)\n";
+    std::string want = "tbin cannot be == 0\nnbin = 0 must be > 0\n";
+    if (nbin) want += "malloc(TAverage->bins,17179869176) error. (Cannot allocate memory)\n";
     EXPECT_EQ(made, std::vector<TAverage *>(3, nullptr));
-    EXPECT_TRUE(std::regex_match(err, std::regex(".* taverage_create: " + want))) << err;
+    EXPECT_EQ(std::regex_replace(err, std::regex(".* taverage_create: "), ""), want);
     TAverage *one = taverage_create(0, 1, 1);  // one bin is enough
     EXPECT_EQ((std::pair{one != nullptr, taverage_destroy(one)}), std::pair(true, 0));
     if (!nbin) return;

@@ -18,8 +18,7 @@ static void print_register() { elog_clear_register(1); }
 TEST(Elog, EveryKindOfLineAndTheErrorTextOfFlagOne) {
     char arg0[] = "/usr/local/bin/korvane", *argv[] = {arg0, nullptr}, other[] = "other", *none[] = {other, nullptr};
     elog_init(1, argv), elog_init(0, none);  // the base name of argv[0]; no arguments change nothing
-    struct Row { const char *behaviour; std::function<void()> call; const char *line; };
-    const Row rows[] = {
+    const struct Row { const char *behaviour; std::function<void()> call; const char *line; } rows[] = {
         {"notify is plain", [] { elog_notify(0, "note %d\n", 1); }, "note 1\n"},
         {"complain warns, newline or not", [] { elog_complain(0, "careful"); }, "warning: careful\n"},
         {"debug", [] { elog_debug(0, "detail\n"); }, "debug: detail\n"},
@@ -43,8 +42,7 @@ TEST(Elog, RegisterPerThreadOldestFirstBoundedToTheNewest) {
     EXPECT_EQ(other, "worker\n");
     EXPECT_EQ(logged(print_register), "open failed (No such file or directory)\nplain\n");
     EXPECT_EQ(logged(print_register), "");  // printing empties it
-    elog_log(0, "dropped\n");
-    elog_clear_register(0);
+    elog_log(0, "dropped\n"), elog_clear_register(0);  // cleared unprinted
     std::string newest;  // a thread that never clears keeps only the newest messages
     for (int i = 0; i < ELOG_REGISTER_MAX + 3; i++) elog_log(0, "m%d\n", i);
     for (int i = 3; i < ELOG_REGISTER_MAX + 3; i++) newest += "m" + std::to_string(i) + "\n";

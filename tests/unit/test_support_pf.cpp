@@ -12,8 +12,7 @@
 
 // The thread's registered messages, one a line, without time stamp and program name.
 static std::string registered() {
-    testing::internal::CaptureStderr(), elog_clear_register(1);
-    std::string err = testing::internal::GetCapturedStderr();
+    auto err = (testing::internal::CaptureStderr(), elog_clear_register(1), testing::internal::GetCapturedStderr());
     return std::regex_replace(err, std::regex("(^|\n)\\S+ \\S+ [^ :]+: "), "$1");
 }
 
@@ -39,8 +38,7 @@ TEST(Pf, SyntaxAndEveryLookupCode) {
         ASSERT_EQ(parse_param(pf, name, PF_BLOCK, 1, block), 0) << name;
     const std::string no = "- failed: parse_param: '", null = "- failed: parse_param: null argument\n";
     const std::string scalar = "' is a scalar, not a block\n", block = "' is a block, not a scalar\n";
-    struct Row { Pf *in; const char *name; int type; std::string want; int required = 1; };
-    const Row rows[] = {
+    const struct Row { Pf *in; const char *name; int type; std::string want; int required = 1; } rows[] = {
         {d, "mode", PF_STRING, "slip"}, {d, "lone", PF_STRING, ""}, {d, "baud", PF_INT, "38400"},
         {pf, "flat", PF_STRING, "just a  value"}, {n, "b", PF_INT, "-2147483648"}, {n, "c", PF_INT, "2147483647"},
         {o, "note", PF_STRING, "keeps  blanks # and \"quotes\" \\ "}, {d, "flow", PF_STRING, "-", 0},
@@ -56,8 +54,7 @@ TEST(Pf, SyntaxAndEveryLookupCode) {
     Arr *ports = nullptr;  // a block of scalars: name -> a malloc'ed copy of the value
     ASSERT_EQ(parse_param(d, "port_translations", PF_ARR, 1, &ports), 0);
     EXPECT_EQ(cntarr(ports), 2);
-    EXPECT_STREQ((char *)getarr(ports, "5330"), "5330");
-    EXPECT_STREQ((char *)getarr(ports, "10000"), "6330");
+    for (auto [key, to] : {std::pair("5330", "5330"), {"10000", "6330"}}) EXPECT_STREQ((char *)getarr(ports, key), to);
     freearr(ports, free);
     EXPECT_EQ(pfparse_text(nullptr, "x", &pf) + parse_param(d, "mode", PF_STRING, 1, nullptr), -2);
     EXPECT_EQ(registered(), "pfparse_text: null argument\nparse_param: null argument\n");
@@ -68,8 +65,7 @@ TEST(Pf, SyntaxAndEveryLookupCode) {
 TEST(Pf, FileSyntaxErrorsAndLookup) {
     std::string deep, closes;  // one block too many; 64 are fine
     for (int i = 0; i < 65; ++i) deep += "a {\n", closes += "}\n";
-    struct Case { std::string text; int line; const char *why; };
-    const Case cases[] = {
+    const struct Case { std::string text; int line; const char *why; } cases[] = {
         {"a 1\n}\n", 2, "'}' without an open block"}, {"a {\n  b 1\n} x\n", 3, "text after '}'"},
         {"a {\n  b {\n  }\n  c {\n", 4, "block 'c' is never closed"}, {"# x\n{\n}\n", 2, "'{' without a block name"},
         {"a { b 1\n}\n", 1, "'{' not at the end of the line"}, {"\"note\" a\n", 1, "a name cannot be quoted"},
@@ -91,8 +87,7 @@ TEST(Pf, FileSyntaxErrorsAndLookup) {
         pffree(pf);
     }
     for (std::string f : {"korvane.pf", "site.pf", "plain"}) dir.write(f, "where " + f + "\n");
-    mkdir(dir.file("site").c_str(), 0755);  // directories are skipped
-    mkdir(dir.file("dir.pf").c_str(), 0755);
+    for (const char *sub : {"site", "dir.pf"}) mkdir(dir.file(sub).c_str(), 0755);  // directories are skipped
     char old_cwd[4096];
     ASSERT_TRUE(getcwd(old_cwd, sizeof old_cwd) && chdir(dir.path.c_str()) == 0);
     const std::string none = "pfread: no parameter file for '";

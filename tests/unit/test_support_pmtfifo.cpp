@@ -59,13 +59,12 @@ TEST(Pmtfifo, BlockingWaitsForRoomItemTimeOutOrRelease) {
     EXPECT_EQ(pmtfifo_push(fifo, item(11)), -2);
     EXPECT_GE(testutil::now_ms() - start, 250);
     fifo->timeout = 0;
-    Values popped;
-    int pushed = 0;
-    std::thread consumer([&] { popped = pop_n(empty, 1); });
-    std::thread producer([&] { pushed = pmtfifo_push(fifo, item(11)); });
+    std::pair<Values, int> got;  // what the blocked pop and push give back
+    std::thread consumer([&] { got.first = pop_n(empty, 1); });
+    std::thread producer([&] { got.second = pmtfifo_push(fifo, item(11)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(pmtfifo_release_block(empty) + pmtfifo_release_block(fifo), 0);
     consumer.join(), producer.join();
-    EXPECT_EQ(std::pair(popped, pushed), std::pair(Values{3000}, -3));
+    EXPECT_EQ(got, std::pair(Values{3000}, -3));
     pmtfifo_destroy(empty, nullptr), pmtfifo_destroy(fifo, nullptr);
 }

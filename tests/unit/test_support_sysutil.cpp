@@ -11,18 +11,14 @@
 // Every row is judged by the shell's `kill -l` (names) and the C library's strsignal (texts).
 TEST(Sysutil, SignalTable) {
     std::istringstream list(testutil::run_program({"/bin/bash", "-c", "kill -l"}, "/").out);
-    std::map<int, std::string> names;
-    for (std::string number, name; list >> number >> name;) names[std::stoi(number)] = name;
-    auto row = [](int sig) {  // "number name|description"
-        const Signal_info *r = signal_bysig(sig);
-        return std::to_string(r->sig) + " " + r->name + "|" + r->description;
-    };
-    const std::string reserved = "|Real-time signal reserved by the C library";
+    std::map<int, std::string> named;  // "name|description"
+    for (std::string n, name; list >> n >> name;) named[std::stoi(n)] = name + "|" + strsignal(std::stoi(n));
+    auto row = [](const Signal_info *r) { return std::to_string(r->sig) + " " + r->name + "|" + r->description; };
     for (int sig = 1; sig <= SIGRTMAX; ++sig) {
-        auto want = names.count(sig) ? names[sig] + "|" + strsignal(sig) : "SIG" + std::to_string(sig) + reserved;
-        EXPECT_EQ(row(sig), std::to_string(sig) + " " + want);
+        std::string n = std::to_string(sig), reserved = "SIG" + n + "|Real-time signal reserved by the C library";
+        EXPECT_EQ(row(signal_bysig(sig)), n + " " + (named.count(sig) ? named[sig] : reserved));
     }
-    for (int sig : {0, -1, SIGRTMAX + 1}) EXPECT_EQ(row(sig), "0 UNKNOWN|Unknown signal") << sig;
+    for (int sig : {0, -1, SIGRTMAX + 1}) EXPECT_EQ(row(signal_bysig(sig)), "0 UNKNOWN|Unknown signal") << sig;
 }
 
 // Quiet until the time-out; a signal ends the wait as an error (even where calls are restarted), so that a reader can
