@@ -32,11 +32,9 @@ static void round_trip(std::string in_name, std::string out_name, In in_fn, Out 
     want.push_back(0xa5);
     unsigned char *cursor = buf.data();
     int rc = out_fn(in.data(), &cursor, int(in.size()));
-    using Put = std::tuple<int, long, std::vector<unsigned char>>;
-    EXPECT_EQ((Put{rc, cursor - buf.data(), buf}), (Put{0, long(want.size() - 1), want})) << out_name;
+    EXPECT_EQ(std::tuple(rc, long(cursor - buf.data()), buf), std::tuple(0, long(want.size() - 1), want)) << out_name;
     rc = (out.resize(in.size()), in_fn(&(cursor = buf.data()), out.data(), int(out.size())));
-    using Got = std::tuple<int, long, std::vector<H>>;
-    EXPECT_EQ((Got{rc, cursor - buf.data(), out}), (Got{0, long(want.size() - 1), in})) << in_name;
+    EXPECT_EQ(std::tuple(rc, long(cursor - buf.data()), out), std::tuple(0, long(want.size() - 1), in)) << in_name;
 }
 
 // One member and its writing twin; P is empty, or u for the unsigned ones.
