@@ -50,12 +50,12 @@ TEST(TAverage, BinnedPutsAndGets) {
     // Bins of 2^-14 s, narrower than the 1 ms margin: an end 2^-11 s past the newest bin lies in the next. Bins of
     // 10 ns at 1e9 s, finer than a double there: the window rounds to 0 s, so an empty sum averages 0, a full one 1e30.
     const double tiny = 1.0 / 16384, late = tiny + 1.0 / 2048;
-    TAverage *narrow = taverage_create(1, tiny, 4), *fine = taverage_create(1e9, 1e-8, 4);
+    TAverage *narrow = taverage_create(1, tiny, 4), *fine = taverage_create(1e9, 1e-8, 1);  // one bin is enough
     EXPECT_EQ(get(narrow, 1 + late, late), (V{1 + 2 * tiny, 2 * tiny, 0, 0}));
     EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 0, 0}));
     put_at(fine, 1e9, 5);
     EXPECT_EQ(get(fine, 1e9, 1e-6), (V{1e9, 0, 5, 1e30}));
-    EXPECT_EQ(V({avg->twin, narrow->twin, fine->twin}), V({50, 4 * tiny, 4e-8}));  // all bins' span
+    EXPECT_EQ(V({avg->twin, narrow->twin, fine->twin}), V({50, 4 * tiny, 1e-8}));  // all bins' span
     taverage_destroy(avg), taverage_destroy(narrow), taverage_destroy(fine);
 }
 
@@ -103,8 +103,6 @@ TEST(TAverageDeathTest, FailuresNameTheirCause) {
     if (nbin) want += "malloc(TAverage->bins,17179869176) error. (Cannot allocate memory)\n";
     EXPECT_EQ(made, std::vector<TAverage *>(3, nullptr));
     EXPECT_EQ(std::regex_replace(err, std::regex(".* taverage_create: "), ""), want);
-    TAverage *one = taverage_create(0, 1, 1);  // one bin is enough
-    EXPECT_EQ((std::pair{one != nullptr, taverage_destroy(one)}), std::pair(true, 0));
     if (!nbin) return;
     TAverage *full = taverage_create(1, -1, 25000000);  // 200 MB of event slots, all taken: no room for 300 MB
     std::fill(full->bins, full->bins + full->nbin, 1.0);

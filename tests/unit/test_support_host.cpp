@@ -52,13 +52,12 @@ TEST(Host, Ip2nameCachesFailuresBoundedAndLooksUpOutsideItsLock) {
     char name[256];
     Ip2nameLookup resolver = ip2name_set_lookup(fake_lookup);
     EXPECT_EQ((std::pair{resolver(0x7f000001, name), std::string(name)}), std::pair(true, std::string("localhost")));
-    struct Row { const char *behaviour; std::uint32_t ip; const char *want; };
-    const Row rows[] = {{"loopback without the resolver", 0x7f000001, "0 localhost 0"},
-                        {"a named host", 0x0a000001, "0 ten-one 1"},
-                        {"named hosts are not cached", 0x0a000001, "0 ten-one 1"},
-                        {"unknown: dotted, complained", 0xc0000210, "-1 192.0.2.16 1 complained"},
-                        {"then from the cache, silently", 0xc0000210, "-1 192.0.2.16 0"},
-                        {"every byte in its place", 0xc0a864c8, "-1 192.168.100.200 1 complained"}};
+    const struct Row { const char *behaviour; std::uint32_t ip; const char *want; } rows[] = {
+        {"loopback without the resolver", 0x7f000001, "0 localhost 0"}, {"a named host", 0x0a000001, "0 ten-one 1"},
+        {"named hosts are not cached", 0x0a000001, "0 ten-one 1"},
+        {"unknown: dotted, complained", 0xc0000210, "-1 192.0.2.16 1 complained"},
+        {"then from the cache, silently", 0xc0000210, "-1 192.0.2.16 0"},
+        {"every byte in its place", 0xc0a864c8, "-1 192.168.100.200 1 complained"}};
     for (const Row &r : rows) EXPECT_EQ(named(r.ip), r.want) << r.behaviour;
     // 255 more failures fill the cache past its bound: the oldest (192.0.2.16) is forgotten.
     for (std::uint32_t i = 0; i < IP2NAME_FAILURES_MAX - 1; i++) named(0xc6120000 + i);

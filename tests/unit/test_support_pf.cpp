@@ -1,9 +1,8 @@
 #include "support/pf.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <regex>
 
 #include "support/containers.h"
@@ -87,9 +86,9 @@ TEST(Pf, FileSyntaxErrorsAndLookup) {
         pffree(pf);
     }
     for (std::string f : {"korvane.pf", "site.pf", "plain"}) dir.write(f, "where " + f + "\n");
-    for (const char *sub : {"site", "dir.pf"}) mkdir(dir.file(sub).c_str(), 0755);  // directories are skipped
-    char old_cwd[4096];
-    ASSERT_TRUE(getcwd(old_cwd, sizeof old_cwd) && chdir(dir.path.c_str()) == 0);
+    for (const char *sub : {"site", "dir.pf"}) std::filesystem::create_directory(dir.file(sub));  // not files: skipped
+    const auto old_cwd = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path);
     const std::string none = "pfread: no parameter file for '";
     const std::string names[][2] = {
         {"korvane", "korvane.pf"}, {"korvane.pf", "korvane.pf"}, {"./site", "site.pf"}, {"./plain", "plain"},
@@ -99,9 +98,8 @@ TEST(Pf, FileSyntaxErrorsAndLookup) {
         {"dir", none + "dir': tried ./dir.pf (not a regular file), /etc/dir.pf\n"}};
     for (auto &n : names) {
         Pf *pf = nullptr;
-        int rc = pfread(n[0].c_str(), &pf);
-        EXPECT_EQ(rc == 0 ? look(pf, "where", PF_STRING) : registered(), n[1]) << n[0];
+        EXPECT_EQ(pfread(n[0].c_str(), &pf) == 0 ? look(pf, "where", PF_STRING) : registered(), n[1]) << n[0];
         pffree(pf);
     }
-    ASSERT_EQ(chdir(old_cwd), 0);
+    std::filesystem::current_path(old_cwd);
 }
