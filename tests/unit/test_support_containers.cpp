@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-// Arr: keys copied, a replaced value handed back, keys listed in text order, the only one offered (not numeric: the
-// relay starts its ports in this order). Tbl: -1 appends, an index past the end grows the list with empty entries,
-// and reads out of range give nullptr. Neither crashes on nullptr.
+// Arr: keys copied, a replaced value handed back, keys in text order only (the relay starts its ports in it). Tbl: -1
+// appends, an index past the end grows the list with empty entries, reads out of range give nullptr. Both take nullptr.
 TEST(Containers, ArrAndTbl) {
     static int a = 1, b = 2, c = 3, freed = 0;
     using Ptrs = std::vector<void *>;

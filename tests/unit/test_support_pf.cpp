@@ -15,8 +15,7 @@ static std::string registered() {
     return std::regex_replace(err, std::regex("(^|\n)\\S+ \\S+ [^ :]+: "), "$1");
 }
 
-// A look-up as text: the int, the string, "-" for an untouched result (nothing for another one); then " failed: "
-// and what it registered.
+// A look-up as text: the int or string ("-" if the result was left alone), then " failed: " and what it registered.
 static std::string look(Pf *pf, const char *name, int type, int required = 1) {
     void *p = nullptr;
     int i = -7, rc = parse_param(pf, name, type, required, type == PF_INT ? (void *)&i : &p);

@@ -39,8 +39,7 @@ TEST(Sysutil, FdwaitOnAPipe) {
     EXPECT_EQ(result(fdwait(p[0], 1000)), std::pair(-1L, EBADF));
 }
 
-// The layout is the system's `hexdump -C` at every length around a line end, every byte value included (it adds a
-// last line with the total, and squeezes repeated lines: none here).
+// The system's `hexdump -C` less its total line (no line repeats: none squeezed), at each length around a line end.
 TEST(Sysutil, HexdumpLayout) {
     std::string data;
     for (int i = 0; i < 256; ++i) data += char(i * 7 + 30);  // each byte value once
