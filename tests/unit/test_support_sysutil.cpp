@@ -48,9 +48,9 @@ TEST(Sysutil, HexdumpLayout) {
         dir.write("data", data.substr(0, n));
         auto peer = testutil::run_program({"/usr/bin/hexdump", "-C", dir.file("data")}, dir.path);
         if (peer.status != 0) GTEST_SKIP() << "no /usr/bin/hexdump (scripts/deps installs it)";
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(hexdump(stdout, data.data(), int(n)), 0);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), peer.out.substr(0, peer.out.size() - 9)) << n;
+        testing::internal::CaptureStderr();  // not stdout, the stream it might wrongly fall back to
+        EXPECT_EQ(hexdump(stderr, data.data(), int(n)), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), peer.out.substr(0, peer.out.size() - 9)) << n;
     }
     EXPECT_EQ(hexdump(stdout, "x", -1) + hexdump(nullptr, "x", 1) + hexdump(stdout, nullptr, 1), -3);
 }
