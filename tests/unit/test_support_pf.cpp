@@ -1,9 +1,8 @@
 #include "support/pf.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <regex>
 
 #include "support/containers.h"
@@ -12,23 +11,16 @@
 
 // The thread's registered messages, one a line, without time stamp and program name.
 static std::string registered() {
-    std::string err = (testing::internal::CaptureStderr(), elog_clear_register(1), testing::internal::GetCapturedStderr());
+    auto err = (testing::internal::CaptureStderr(), elog_clear_register(1), testing::internal::GetCapturedStderr());
     return std::regex_replace(err, std::regex("(^|\n)\\S+ \\S+ [^ :]+: "), "$1");
 }
 
-// A look-up as text: the int, the string, an Arr's pairs, "block", or "-" for an untouched result; then
-// what it registered.
+// A look-up as text: the int or string ("-" if the result was left alone), then " failed: " and what it registered.
 static std::string look(Pf *pf, const char *name, int type, int required = 1) {
     void *p = nullptr;
-    int i = -7, rc = parse_param(pf, name, type, required, type == PF_INT ? static_cast<void *>(&i) : &p);
-    std::string out = type == PF_INT ? (i == -7 ? "-" : std::to_string(i)) : !p ? "-" : type == PF_BLOCK ? "block" : "";
+    int i = -7, rc = parse_param(pf, name, type, required, type == PF_INT ? (void *)&i : &p);
+    std::string out = type == PF_INT ? (i == -7 ? "-" : std::to_string(i)) : p ? "" : "-";
     if (type == PF_STRING && p) out = static_cast<char *>(p), free(p);
-    if (Arr *arr = static_cast<Arr *>(type == PF_ARR ? p : nullptr); arr) {
-        Tbl *keys = keysarr(arr);
-        for (int k = 0; k < maxtbl(keys); k++)
-            out += std::string((char *)gettbl(keys, k)) + "=" + (char *)getarr(arr, (char *)gettbl(keys, k)) + " ";
-        freetbl(keys, nullptr), freearr(arr, free);
-    }
     return out + (rc < 0 ? " failed: " : "") + registered();
 }
 
@@ -36,50 +28,48 @@ TEST(Pf, SyntaxAndEveryLookupCode) {
     const char sample[] =  // a byte-order mark, CRLF lines, no newline at the end
         "\xEF\xBB\xBF# comment\r\ndefault {      # the relay's block\r\n  mode  slip\n  baud  19200\n\n"
         "  baud  38400  # the later one wins\n  port_translations {\n    5330   5330\n    10000  6330\n  }\n  lone\n}\n"
-        "other {\n  note  \"keeps  blanks # and \\\"quotes\\\" \\\\ \"   # comment\n  nested { \n  }\n}\n"
-        "ints {\n a 0012\n b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n i 2147483648\n"
-        " j -2147483649\n}\nflat  just a  value";
+        "other {\n  note  \"keeps  blanks # and \\\"quotes\\\" \\\\ \"   # comment\n  nested { \n  }\n}\nints {\n"
+        " b -2147483648\n c +2147483647\n d 12x\n e \"\"\n f \" 12\"\n g +\n i 2147483648\n}\nflat  just a  value";
     Pf *pf = nullptr, *d = nullptr, *o = nullptr, *n = nullptr;
     ASSERT_EQ(pfparse_text(sample, "sample.pf", &pf), 0) << registered();
-    ASSERT_EQ(parse_param(pf, "default", PF_BLOCK, 1, &d) + parse_param(pf, "other", PF_BLOCK, 1, &o) +
-              parse_param(pf, "ints", PF_BLOCK, 1, &n), 0);
-    const std::string no = "- failed: parse_param: ", nonint = "' is not an integer: '", range = "' is out of the int range: '";
-    struct Row { Pf *in; const char *name; int type, required; std::string want; };
-    const Row rows[] = {
-        {d, "mode", PF_STRING, 1, "slip"}, {d, "lone", PF_STRING, 1, ""}, {pf, "flat", PF_STRING, 1, "just a  value"},
-        {o, "note", PF_STRING, 1, "keeps  blanks # and \"quotes\" \\ "}, {d, "baud", PF_INT, 1, "38400"},
-        {d, "flow", PF_STRING, 0, "-"}, {d, "port_translations", PF_ARR, 1, "10000=6330 5330=5330 "},
-        {pf, "other", PF_BLOCK, 1, "block"}, {n, "a", PF_INT, 1, "12"}, {n, "b", PF_INT, 1, "-2147483648"},
-        {n, "c", PF_INT, 1, "2147483647"}, {n, "d", PF_INT, 1, no + "'d" + nonint + "12x'\n"},
-        {n, "e", PF_INT, 1, no + "'e" + nonint + "'\n"}, {n, "f", PF_INT, 1, no + "'f" + nonint + " 12'\n"},
-        {n, "g", PF_INT, 1, no + "'g" + nonint + "+'\n"}, {n, "i", PF_INT, 1, no + "'i" + range + "2147483648'\n"},
-        {n, "j", PF_INT, 1, no + "'j" + range + "-2147483649'\n"}, {d, "flow", PF_STRING, 1, no + "'flow' is missing\n"},
-        {d, "mode", PF_BLOCK, 1, no + "'mode' is a scalar, not a block\n"},
-        {d, "mode", PF_ARR, 1, no + "'mode' is a scalar, not a block\n"},
-        {pf, "default", PF_STRING, 1, no + "'default' is a block, not a scalar\n"},
-        {pf, "default", PF_INT, 1, no + "'default' is a block, not a scalar\n"},
-        {pf, "other", PF_ARR, 1, no + "'other' holds the block 'nested'; only name/value pairs are allowed\n"},
-        {d, "mode", 3, 1, no + "'mode': unknown type code 3\n"}, {nullptr, "mode", PF_INT, 1, no + "null argument\n"}};
+    for (auto [name, block] : {std::pair("default", &d), {"other", &o}, {"ints", &n}})
+        ASSERT_EQ(parse_param(pf, name, PF_BLOCK, 1, block), 0) << name;
+    const std::string no = "- failed: parse_param: '", null = "- failed: parse_param: null argument\n";
+    const std::string scalar = "' is a scalar, not a block\n", block = "' is a block, not a scalar\n";
+    const struct Row { Pf *in; const char *name; int type; std::string want; int required = 1; } rows[] = {
+        {d, "mode", PF_STRING, "slip"}, {d, "lone", PF_STRING, ""}, {d, "baud", PF_INT, "38400"},
+        {pf, "flat", PF_STRING, "just a  value"}, {n, "b", PF_INT, "-2147483648"}, {n, "c", PF_INT, "2147483647"},
+        {o, "note", PF_STRING, "keeps  blanks # and \"quotes\" \\ "}, {d, "flow", PF_STRING, "-", 0},
+        {n, "i", PF_INT, no + "i' is out of the int range: '2147483648'\n"},
+        {d, "mode", PF_BLOCK, no + "mode" + scalar}, {d, "mode", PF_ARR, no + "mode" + scalar},
+        {pf, "default", PF_STRING, no + "default" + block}, {pf, "default", PF_INT, no + "default" + block},
+        {pf, "other", PF_ARR, no + "other' holds the block 'nested'; only name/value pairs are allowed\n"},
+        {d, "mode", 3, no + "mode': unknown type code 3\n"}, {d, "flow", PF_STRING, no + "flow' is missing\n"},
+        {nullptr, "mode", PF_INT, null}, {d, nullptr, PF_INT, null}};
     for (const Row &r : rows) EXPECT_EQ(look(r.in, r.name, r.type, r.required), r.want) << r.name;
-    EXPECT_EQ(pfparse_text(nullptr, "x", &pf), -1);
-    EXPECT_EQ(registered(), "pfparse_text: null argument\n");
+    for (auto [name, text] : {std::pair("d", "12x"), {"e", ""}, {"f", " 12"}, {"g", "+"}})
+        EXPECT_EQ(look(n, name, PF_INT), no + name + "' is not an integer: '" + text + "'\n");
+    Arr *ports = nullptr;  // a block of scalars: name -> a malloc'ed copy of the value
+    ASSERT_EQ(parse_param(d, "port_translations", PF_ARR, 1, &ports), 0);
+    EXPECT_EQ(cntarr(ports), 2);
+    for (auto [key, to] : {std::pair("5330", "5330"), {"10000", "6330"}}) EXPECT_STREQ((char *)getarr(ports, key), to);
+    freearr(ports, free);
+    EXPECT_EQ(pfparse_text(nullptr, "x", &pf) + parse_param(d, "mode", PF_STRING, 1, nullptr), -2);
+    EXPECT_EQ(registered(), "pfparse_text: null argument\nparse_param: null argument\n");
     pffree(pf);
 }
 
-// Through files: every syntax error names its line (the NUL case needs the length), and how a name is
-// looked up.
+// Through files: every syntax error names its line (the NUL case needs the length), and how a name is looked up.
 TEST(Pf, FileSyntaxErrorsAndLookup) {
     std::string deep, closes;  // one block too many; 64 are fine
     for (int i = 0; i < 65; ++i) deep += "a {\n", closes += "}\n";
-    struct Case { std::string text; int line; const char *why; };
-    const Case cases[] = {
+    const struct Case { std::string text; int line; const char *why; } cases[] = {
         {"a 1\n}\n", 2, "'}' without an open block"}, {"a {\n  b 1\n} x\n", 3, "text after '}'"},
-        {"a {\n}\n\ndefault {\n  b 1\n", 4, "block 'default' is never closed"},
-        {"a {\n  b {\n  }\n", 1, "block 'a' is never closed"}, {"a { b 1\n}\n", 1, "'{' not at the end of the line"},
-        {"# x\n{\n}\n", 2, "'{' without a block name"}, {"a 1\nnote \"abc\n", 2, "unterminated quote"},
+        {"a {\n  b {\n  }\n  c {\n", 4, "block 'c' is never closed"}, {"# x\n{\n}\n", 2, "'{' without a block name"},
+        {"a { b 1\n}\n", 1, "'{' not at the end of the line"}, {"\"note\" a\n", 1, "a name cannot be quoted"},
         {"n \"abc\\\"\n", 1, "unterminated quote"}, {"n \"a\\", 1, "unterminated quote"},
         {"note \"a\\nb\"\n", 1, "bad escape '\\n' in quotes (only \\\" and \\\\)"},
-        {"\"note\" a\n", 1, "a name cannot be quoted"}, {"note \"a\" b\n", 1, "text after the closing quote"},
+        {"note \"a\" b\n", 1, "text after the closing quote"},
         {"a {\n  5330 5330 }\n}\n", 2, "'}' must stand alone on its line"},
         {"port translations {\n}\n", 1, "'{' must end a line that holds only the block name"},
         {"a b\"c\n", 1, "'\"' inside an unquoted value (quote the whole value)"},
@@ -89,26 +79,26 @@ TEST(Pf, FileSyntaxErrorsAndLookup) {
     for (const Case &c : cases) {
         dir.write("bad.pf", c.text);
         Pf *pf = nullptr;
-        EXPECT_EQ((std::pair{pfread(dir.file("bad").c_str(), &pf), pf == nullptr}), std::pair(c.line ? -1 : 0, c.line != 0)) << c.text;
         std::string where = "pfread: " + dir.file("bad.pf") + ":" + std::to_string(c.line) + ": ";
-        EXPECT_EQ(registered(), c.line ? where + c.why + "\n" : "") << c.text;
+        EXPECT_EQ((std::pair{pfread(dir.file("bad").c_str(), &pf), registered()}),
+                  std::pair(c.line ? -1 : 0, c.line ? where + c.why + "\n" : "")) << c.text;
         pffree(pf);
     }
-    for (auto name : {"korvane.pf", "site.pf", "plain", "only.pf"}) dir.write(name, std::string("where ") + name + "\n");
-    mkdir(dir.file("site").c_str(), 0755);  // directories are skipped
-    mkdir(dir.file("dir.pf").c_str(), 0755);
-    char old_cwd[4096];
-    ASSERT_EQ((std::pair{getcwd(old_cwd, sizeof old_cwd) != nullptr, chdir(dir.path.c_str())}), std::pair(true, 0));
+    for (std::string f : {"korvane.pf", "site.pf", "plain"}) dir.write(f, "where " + f + "\n");
+    for (const char *sub : {"site", "dir.pf"}) std::filesystem::create_directory(dir.file(sub));  // not files: skipped
+    const auto old_cwd = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path);
     const std::string none = "pfread: no parameter file for '";
     const std::string names[][2] = {
         {"korvane", "korvane.pf"}, {"korvane.pf", "korvane.pf"}, {"./site", "site.pf"}, {"./plain", "plain"},
-        {"./only.pf", "only.pf"}, {"absent", none + "absent': tried ./absent.pf, /etc/absent.pf\n"},
+        {"", "pfread: no parameter file name\n"}, {"./gone.pf", none + "./gone.pf': tried ./gone.pf\n"},
+        {"absent", none + "absent': tried ./absent.pf, /etc/absent.pf\n"},
         {"./nothing", none + "./nothing': tried ./nothing, ./nothing.pf\n"},
-        {"dir", none + "dir': tried ./dir.pf (not a regular file), /etc/dir.pf\n"}, {"", "pfread: no parameter file name\n"}};
+        {"dir", none + "dir': tried ./dir.pf (not a regular file), /etc/dir.pf\n"}};
     for (auto &n : names) {
         Pf *pf = nullptr;
         EXPECT_EQ(pfread(n[0].c_str(), &pf) == 0 ? look(pf, "where", PF_STRING) : registered(), n[1]) << n[0];
         pffree(pf);
     }
-    ASSERT_EQ(chdir(old_cwd), 0);
+    std::filesystem::current_path(old_cwd);
 }
