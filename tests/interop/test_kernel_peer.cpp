@@ -47,11 +47,6 @@ constexpr std::uint32_t kDatalogger = 0xC0A84D32, kClient = 0x0A4D0001;  // 192.
     return ::testing::AssertionFailure() << "ip " << args << " (status " << r.status << "): " << r.err;
 }
 
-// A client's datagram to the datalogger's echo port, both sums in place.
-std::string packet(const std::string &payload) {
-    return datagram_packet({kClient, kDatalogger, 40001, 5330, 1, 0x4000, 64, payload});
-}
-
 // Every way the kernel can refuse an incoming IPv4/UDP datagram, and what it took and sent.
 Counters clean() {
     Counters c = {{"Udp:InDatagrams", 0}, {"Udp:OutDatagrams", 0}};
@@ -154,29 +149,6 @@ protected:
 
 }  // namespace
 
-// The judge can fail: frames damaged on the line are counted where they should be.
-TEST_F(KernelPeer, CountsDamagedFrames) {
-    const struct {
-        const char *name;
-        int flip, cut;
-        Counters add;
-    } rows[] = {
-        {"sound, answered by the echo", -1, 0, {{"Udp:InDatagrams", 1}, {"Udp:OutDatagrams", 1}}},
-        {"bit flipped in the IP header", 4, 0, {{"Ip:InHdrErrors", 1}, {"IpExt:InCsumErrors", 1}}},
-        {"bit flipped in the payload", 30, 0, {{"Udp:InCsumErrors", 1}, {"Udp:InErrors", 1}}},
-        {"10 bytes short of its IP length", -1, 10, {{"IpExt:InTruncatedPkts", 1}}},
-    };
-    Counters want = clean();
-    for (const auto &row : rows) {
-        std::string p = packet(std::string(100, 'a'));
-        if (row.flip >= 0) p[static_cast<std::size_t>(row.flip)] ^= 1;
-        std::string f = slip_frame(p.substr(0, p.size() - static_cast<std::size_t>(row.cut)));
-        write_all(line.slave, f.data(), f.size());
-        for (const auto &[name, n] : row.add) want[name] += n;
-        EXPECT_EQ(settled(want), want) << row.name;
-    }
-}
-
 TEST_F(KernelPeer, EchoThroughRelay) {
     // Host ports 5330 and 15330 lead to the datalogger's 5330, 6330 to its 6330.
     TempDir dir;
@@ -190,37 +162,28 @@ TEST_F(KernelPeer, EchoThroughRelay) {
     struct Client {
         int port, host_port, fd;
     } clients[] = {{40001, 5330, -1}, {40002, 6330, -1}, {40003, 15330, -1}, {40004, 5330, -1}};
-    for (auto &c : clients) {
-        ASSERT_GE(c.fd = udp_socket(&c.port, kClient), 0) << strerror(errno);
-    }
+    for (auto &c : clients) ASSERT_GE(c.fd = udp_socket(&c.port, kClient), 0) << strerror(errno);
     std::mt19937 rng(1055);
     auto random = [&](std::size_t n) {
         std::string s(n, '\0');
         for (char &ch : s) ch = static_cast<char>(rng());
         return s;
     };
-    // One at a time, what a line is likeliest to get wrong: one byte, sizes
-    // around the 28 header bytes, the largest payload, runs of the bytes SLIP
-    // escapes and of the bytes that follow an escape.
+    // A burst from every client at once fills the queues, and each reply still
+    // reaches its own client through its own host port. Among random sizes,
+    // what a line is likeliest to get wrong: one byte, sizes around the 28
+    // header bytes, the largest payload, runs of the bytes SLIP escapes and of
+    // the bytes that follow an escape.
     std::string mix(1021, '\0');
     for (std::size_t i = 0; i < mix.size(); i++) mix[i] = "\xC0\xDB\xDC\xDB\xDD\xC0\xDD\xDC"[i % 8];
+    std::vector<std::string> payloads = {"x", std::string(1024, '\xC0'), std::string(1024, '\xDB'), mix};
+    for (std::size_t n : {27, 28, 29, 1023, 1024}) payloads.push_back(random(n));
+    for (int i = 0; i < 12; i++) payloads.push_back(random(1 + rng() % 1024));
+    std::map<int, std::multiset<std::string>> expected, received;
     std::string got;
     int from = 0, sent = 0;
-    for (const std::string &p : {std::string("x"), std::string(1024, '\xC0'), std::string(1024, '\xDB'), random(27),
-                                 random(28), random(29), random(1023), random(1024), mix})
+    for (const std::string &p : payloads)
         for (const auto &c : clients) {
-            udp_send_to(c.fd, c.host_port, p);
-            sent++;
-            ASSERT_TRUE(udp_recv(c.fd, &got, 10000, &from)) << c.port << ", " << p.size() << " bytes\n" << relay.err();
-            EXPECT_EQ(got, p) << c.port << ", " << p.size() << " bytes";
-            EXPECT_EQ(from, c.host_port);
-        }
-    // Then a burst from every client at once fills the queues; each reply
-    // still reaches its own client through its own host port.
-    std::map<int, std::multiset<std::string>> expected, received;
-    for (int i = 0; i < 12; i++)
-        for (const auto &c : clients) {
-            std::string p = random(1 + rng() % 1024);
             udp_send_to(c.fd, c.host_port, p);
             expected[c.port].insert(p);
             sent++;
