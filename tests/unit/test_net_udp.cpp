@@ -263,6 +263,16 @@ TEST_F(NetUdp, DropsEmptyAndOversizeDatagramsAndReadsOn) {
             ", larger than the 16-byte buffer.\n" + empty + empty);
     EXPECT_EQ(got + " " + from + registered(), "yyyyyyyyyyyyyyyy " + me);
     EXPECT_EQ(sum(udp->bytes_read) + sum(udp->datarate), 2 * (17 + 16 + 5 * 42));  // 42 per header
+    sockaddr sa;  // a destination without a port; a line without its trailing blanks; a sleep rounded up
+    EXPECT_EQ(udp_setup_ipaddr("nopo", &sa), -1);
+    EXPECT_EQ(registered(), "udp_setup_ipaddr: no port number in hostport argument 'nopo'.\n");
+    long long t = now_ms();
+    EXPECT_EQ(logged([&] {
+        EXPECT_EQ(udp_print_verbose(udp, 0, "trailing \t\n") + myusleep(0.9999999999), 0);
+        EXPECT_EQ((udp->verbose = 2, udp_print_verbose(udp, 1, 1, "\x7f", "p: ", "%d", 7)), 0);
+    }), "debug: UDP_DEBUG: trailing\ndebug: UDP_DEBUG: p: 7\ndebug: UDP_DEBUG: p:  7F\n");
+    udp->verbose = 1;
+    EXPECT_GE(now_ms() - t, 900);
     // A zero window leaves an average as it was; the testing knob drops everything, and says so.
     udp_setup_averages(udp, std_now(), 1, 0, 1, 100, 1, 100);
     udp->drop_packet_pcnt = 100;
