@@ -156,6 +156,10 @@ TEST_F(NetUdp, SlipSendWritesExactFramesDumpsAndCountsThem) {
     EXPECT_EQ(read(4242, -1.0), UDP_READ_TIMEOUT);
     EXPECT_GE(now_ms() - t, 500);
     EXPECT_EQ(registered(), "");
+    close(std::exchange(sb->fd, open("/", O_RDONLY)));  // a failed read names its error all the way up
+    EXPECT_EQ(read(4242, 5.0), -1);
+    EXPECT_EQ(registered(), "serialbuf_get_byte: serialbuf_read() error. (Is a directory)\n"
+                            "udp_read: slip_recvfrom() error. (Is a directory)\n");
 }
 
 // Good frames among hostile bytes, fed whole at verbosity 0, bytewise at 1, in chunks at 2: the
