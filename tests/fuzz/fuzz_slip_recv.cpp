@@ -1,10 +1,10 @@
 // Fuzz target: the SLIP receiver as the relay runs it, on a line that is one
 // end of a socket pair (link state 3: no device), written whole and shut down;
 // slip_recvfrom runs until the end of the stream fails it. The first byte sets
-// verbosity (bits 0-1, 3 counts as 2), asks for the source (bit 2), gives a
-// 16-byte buffer (bit 3) and averages (bit 4). A model from the RFCs predicts
-// each payload and source, the destination the link keeps (of the last frame
-// whose headers parsed) and the line bytes of completed frames.
+// verbosity (bits 0-1, 3 counts as 2) and a 16-byte buffer (bit 3). A model
+// from the RFCs predicts each payload and source, the destination the link
+// keeps (of the last frame whose headers parsed) and the line bytes of
+// completed frames.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -57,7 +57,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (size < 1) return 0;
     const unsigned char control = data[0], *line = data + 1;
     const std::size_t n = std::min(size - 1, kMaxLine), cap = (control & 8) ? 16 : 1024;
-    const bool want_from = control & 4;
     const Expected exp = model(line, n);
 
     int sv[2];
@@ -69,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     udp->slip_buf->sleep = 0;  // the relay's pause before reading would only slow the fuzzer
     udp_set_verbose(udp, std::min(control & 3, 2));
     // One bin that outlasts the run: its sum is every byte counted.
-    if (control & 16) FUZZ_CHECK(udp_setup_averages(udp, std_now(), 1e6, 1e6, 1e6, 1e6, 1e6, 1e6) == 0);
+    FUZZ_CHECK(udp_setup_averages(udp, std_now(), 1e6, 1e6, 1e6, 1e6, 1e6, 1e6) == 0);
     FUZZ_CHECK(write(sv[1], line, n) == static_cast<ssize_t>(n) && shutdown(sv[1], SHUT_WR) == 0);
 
     std::size_t got = 0;
@@ -78,18 +77,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         sockaddr_storage from;
         std::memset(&from, 0x5A, sizeof from);
         int fromlen = sizeof from;
-        int r = slip_recvfrom(udp, msg, cap, 0, want_from ? reinterpret_cast<sockaddr *>(&from) : nullptr,
-                              want_from ? &fromlen : nullptr);
+        int r = slip_recvfrom(udp, msg, cap, 0, reinterpret_cast<sockaddr *>(&from), &fromlen);
         if (r == -1) break;  // the end of the stream; a time-out (-2) cannot come and fails below
         FUZZ_CHECK(got < exp.packets.size());
         const auto &[payload, source] = exp.packets[got];
         const std::size_t want = std::min(payload.size(), cap);
         FUZZ_CHECK(static_cast<std::size_t>(r) == want && (!want || !std::memcmp(msg, payload.data(), want)));
-        FUZZ_CHECK(!want_from || std::memcmp(&from, &source, sizeof from) == 0);
+        FUZZ_CHECK(std::memcmp(&from, &source, sizeof from) == 0);
     }
     FUZZ_CHECK(got == exp.packets.size());
     FUZZ_CHECK(udp->slip_buf->slip_ipaddr_dst == exp.ipaddr_dst && udp->slip_buf->slip_port_dst == exp.port_dst);
-    if (control & 16) FUZZ_CHECK(udp->bytes_read->bins[0] == exp.raw && udp->datarate->bins[0] == exp.raw);
+    FUZZ_CHECK(udp->bytes_read->bins[0] == exp.raw && udp->datarate->bins[0] == exp.raw);
 
     udp_free(udp);  // closes sv[0] with the link
     close(sv[1]);
