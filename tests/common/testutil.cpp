@@ -80,16 +80,10 @@ static bool read_some(int fd, std::string *out, long long wait_ms) {
     if (n > 0) out->append(buf, static_cast<size_t>(n));
     return n > 0;
 }
-std::string read_for(int fd, int quiet_ms, int total_ms) {
+std::string read_for(int fd, int quiet_ms, int total_ms, size_t enough) {
     std::string out;
-    for (long long end = now_ms() + total_ms; now_ms() < end;)
+    for (long long end = now_ms() + total_ms; out.size() < enough && now_ms() < end;)
         if (!read_some(fd, &out, std::min<long long>(quiet_ms, end - now_ms()))) break;
-    return out;
-}
-std::string read_at_least(int fd, size_t n, int total_ms) {
-    std::string out;
-    for (long long end = now_ms() + total_ms; out.size() < n && now_ms() < end;)
-        read_some(fd, &out, std::max(1LL, end - now_ms()));
     return out;
 }
 

@@ -31,10 +31,9 @@ struct PtyPair {
 };
 
 void write_all(int fd, const void *data, size_t n);
-// What arrives on fd until quiet_ms pass with nothing new or total_ms pass.
-std::string read_for(int fd, int quiet_ms, int total_ms);
-// What arrives on fd until there are n bytes or total_ms passed.
-std::string read_at_least(int fd, size_t n, int total_ms);
+// What arrives on fd until quiet_ms pass with nothing new, total_ms pass, or there are enough bytes.
+std::string read_for(int fd, int quiet_ms, int total_ms, size_t enough = SIZE_MAX);
+inline std::string read_at_least(int fd, size_t n, int total_ms) { return read_for(fd, total_ms, total_ms, n); }
 
 // A program in the background, in a session of its own (as under a service
 // manager) and with none of the test's descriptors, its output in files;
