@@ -1,6 +1,6 @@
 // What the relay binary cannot show: the shutdown routine, connected to no
 // signal, which against real threads on a real line and real sockets must stop
-// them and exit 0 whatever the number of ports; and the dump of a long prefix.
+// them and exit 0 whatever the number of ports.
 #include <signal.h>
 #include <unistd.h>
 
@@ -50,17 +50,4 @@ TEST(ShutdownDeathTest, StopsThreadsAndExitsZero) {
     // No second port to join, one, and three (only the second is reached).
     for (int nports : {0, 1, 3})
         EXPECT_EXIT(run_and_halt(nports), testing::ExitedWithCode(0), done) << nports << " ports";
-}
-
-// The dump writes any prefix whole, however long, and never past a buffer.
-TEST(Dump, AnyPrefixWhole) {
-    const std::string prefix(300, 'p'), bytes = "\xab" + std::string(31, '\0') + "\x01";
-    const auto *data = reinterpret_cast<const unsigned char *>(bytes.data());
-    testing::internal::CaptureStderr();
-    udp_dump(prefix.c_str(), data, 33);
-    udp_dump("x:", data, 32);  // a whole line, then the prefix alone
-    std::string log;
-    for (const std::string &line : testutil::log_lines(testing::internal::GetCapturedStderr()))
-        log += line.substr(line.find(": ") + 2) + "\n";  // without the program's name
-    EXPECT_EQ(log, testutil::dump(prefix, bytes) + testutil::dump("x:", bytes.substr(0, 32)));
 }
