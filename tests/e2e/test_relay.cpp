@@ -98,10 +98,10 @@ struct Relay {
         if (!datagram_parse(frames.front(), &d)) d.payload = "<refused>";
         return frames.pop_front(), d;
     }
-    void write(const S &bytes) { write_all(line.master, bytes.data(), bytes.size()); }
     // A datagram from the datalogger's port sport to dst:dport.
     void send(std::uint32_t dst, std::uint16_t dport, const S &data, std::uint16_t sport = 5330) {
-        write(slip_frame(datagram_packet({kLogger, dst, sport, dport, 7, 0, 64, data})));
+        S frame = slip_frame(datagram_packet({kLogger, dst, sport, dport, 7, 0, 64, data}));
+        write_all(line.master, frame.data(), frame.size());
     }
     void reply(const Datagram &to, const S &payload) { send(to.src, to.sport, payload, to.dport); }
 };

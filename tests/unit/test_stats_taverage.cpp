@@ -59,7 +59,7 @@ TEST(TAverage, BinnedPutsAndGets) {
 // Events: a 10 s window of times, newest first, in 100 slots that grow by half when full; destroy frees the record
 // and its slots (10000 of them hold nothing).
 TEST(TAverage, EventsExpireAndGrow) {
-    TAverage *avg = taverage_create(10, -1, 0), *many = taverage_create(1e6, -1, 0), *none = taverage_create(-1, -1, 0);
+    TAverage *avg = taverage_create(10, -1, 0), *many = taverage_create(1e6, -1, 0), *none = taverage_create(-1, -1, 1);
     double guarded[101] = {}, *own = std::exchange(avg->bins, guarded);  // a guard after 100 slots
     guarded[100] = 1;
     for (double t : {1000.0, 1002.0, 1001.0}) put_at(avg, t, 99);
@@ -73,7 +73,8 @@ TEST(TAverage, EventsExpireAndGrow) {
     for (int i = 1; i <= 101; i++) put_at(many, i, 0);  // the 101st finds no free slot: 100*1.5+1
     put_at(none, 5, 0);  // a negative window forgets even the put just made
     double *b = many->bins;
-    EXPECT_EQ(std::pair(many->nbin, V{b[0], b[100], b[101], b[150], *none->bins}), std::pair(151, V{101, 1, 0, 0, 0}));
+    EXPECT_EQ(std::tuple(many->nbin, none->nbin, V{b[0], b[100], b[101], b[150], *none->bins}),
+              std::tuple(151, 1, V{101, 1, 0, 0, 0}));  // a count given is kept, even 1
     for (TAverage *a : {avg, many, none, (TAverage *)nullptr}) EXPECT_EQ(taverage_destroy(a), 0);
     size_t held = mallinfo2().uordblks;
     for (int i = 0; i < 10000; i++) taverage_destroy(taverage_create(0, 1, 10));
