@@ -204,11 +204,12 @@ TEST(TcpLink, ClientAndServerTalkEndAndFreeThePort) {
     EXPECT_EQ(serialbuf_open(x), 0);  // the port is free again
     serialbuf_close(x);
     const int dir = open("/", O_RDONLY);  // impossible states and kinds, unusable descriptors
-    const std::string opening = "serialbuf_connect: serialbuf_open() error.\n";
-    struct Row { int com_mode, state, fd; char call; Outcome outcome; };  // connect, disconnect, read
+    const std::string opening = "serialbuf_connect: serialbuf_open() error.\n",
+                      nameless = "serialbuf_open: Can't locate server by name of '(null)'\n";
+    struct Row { int com_mode, state, fd; char call; Outcome outcome; };  // call: see the loop
     const Row rows[] = {  // x, a server, has no host to connect to as a client
         {7, 1, -1, 'c', {-1, "serialbuf_open: Illegal com_mode value '7'.\n" + opening}},
-        {2, 1, -1, 'c', {-1, "serialbuf_open: Can't locate server by name of '(null)'\n" + opening}},
+        {2, 1, -1, 'c', {-1, nameless + opening}},
         {2, 9, -1, 'c', {-1, "serialbuf_connect: Illegal state value '9'.\n"}},
         {7, 3, -1, 'c', {-1, "serialbuf_disconnect: Illegal com_mode value '7'.\n"
                              "serialbuf_connect: serialbuf_disconnect() error.\n"}},
@@ -234,9 +235,8 @@ TEST(TcpLink, ClientAndServerTalkEndAndFreeThePort) {
     for (SerialBuf *l : {s, x, c}) serialbuf_destroy(l);
 }
 
-// A modem driven by strings: commands with pauses and retries, replies in order, the matchers,
-// carrier loss and close; then dialling and answering, each step starting with the modem's
-// attention and a hang-up ("at"), and with a hang-up by command when the link was connected.
+// A modem driven by strings: commands, replies, the matchers, close; then dialling and answering,
+// each step led by the modem's attention and hang-up ("at"), twice when it was connected.
 TEST_F(Line, ModemDialogue) {
     make(1000, 0, 9600, 0, 1);  // a byte a read: nothing read ahead is lost between steps
     ASSERT_EQ(serialbuf_open(b), 0);  // open, not connected
@@ -256,7 +256,8 @@ TEST_F(Line, ModemDialogue) {
     b->wverbose = 1;  // a leading pause writes an empty piece first; no reply awaited
     testing::internal::CaptureStdout();
     EXPECT_EQ(serialbuf_send_modem_string(b, "<sl=1000>AT\r", nullptr, 2), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "writing 0 bytes: \nwriting 3 bytes: AT\\r\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "writing 0 bytes: \nwriting 3 bytes: AT\\r\n");
     say(std::string("CONNECTyO\0KzCONNECT!", 20));  // NULs (modems pad with them) never match
     EXPECT_EQ(serialbuf_read_until(b, "~OK~~CONNECT"), 0);  // in order; "K" left over from above
     EXPECT_EQ(get(b, 1), "!");
@@ -296,7 +297,8 @@ TEST_F(Line, ModemDialogue) {
         {"dials; no carrier loss before the call", 3000, ok(2) + "NO CARRIER\r\nOK\r\nCONNECT\r\n",
          0, "5551234", {0, ""}, at + "ATS0=0\rATDT5551234\r"},
         {"a busy dial", 3000, ok(5) + busy + busy, 0, "556",
-         {5, kBusy + kBusy + gave_up("ATDT556\r", "line busy")}, at + at + "ATS0=0\r" "ATDT556\r" "ATDT556\r"},
+         {5, kBusy + kBusy + gave_up("ATDT556\r", "line busy")},
+         at + at + "ATS0=0\rATDT556\rATDT556\r"},
         {"busy at the no-listen step", 3000, ok(2) + busy + busy + busy, 0, "5",
          {5, kBusy + kBusy + kBusy + gave_up("nolisten_string", "line busy")},
          at + "ATS0=0\rATS0=0\rATS0=0\r"},
@@ -319,8 +321,7 @@ TEST_F(Line, ModemDialogue) {
         EXPECT_EQ(heard(), call.heard);
     }
     EXPECT_EQ(idle, (std::vector<int>{1, 1}));  // two silent seconds
-    // Each step gives back the read time-out and the dump mode, and ends connecting; the
-    // dialogue logged the reply lines.
+    // Each step gave back the time-out and dump mode, and ended connecting; replies were logged.
     EXPECT_EQ(std::tuple(b->timeout, b->rverbose, b->connecting, lines.size()),
               std::tuple(1000, 0, 0, 39u));
     free(std::exchange(b->dialout_string_prefix, nullptr));  // nothing to dial either
