@@ -34,8 +34,7 @@ std::string gave_up(const std::string &cmd, const std::string &why, bool timeout
     return kSent + (timeout ? "timeout.\n" : "read_until() error.\n") +
            "serialbuf_connect: serialbuf_send_modem_string(" + cmd + ") " + why + ".\n";
 }
-// The calling thread's registered messages as logged, without time stamp and program name; emptied.
-std::string registered() {
+std::string registered() {  // the calling thread's registered messages, without time stamp and program name; emptied
     testing::internal::CaptureStderr(), elog_clear_register(1);
     const std::regex stamp(R"(^.{23} \S+: )", std::regex::multiline);
     return std::regex_replace(testing::internal::GetCapturedStderr(), stamp, "");
@@ -54,14 +53,13 @@ long open_fds() { return std::distance(std::filesystem::directory_iterator("/pro
 struct Line : testing::Test {
     std::optional<testutil::PtyPair> pty{std::in_place};
     SerialBuf *b = nullptr;
-    int stop_at = 0, bytes[3] = {};  // bytes by direction: 1 written, 2 read
+    size_t stop_at = 0;
+    int bytes[3] = {};  // by direction: 1 written, 2 read
     std::vector<int> idle;
     std::vector<std::string> lines;
     termios t{};  // the slave's settings as last read
     static Line &of(void *u) { return *static_cast<Line *>(u); }
-    static int on_idle(void *u, int t) {
-        return of(u).idle.push_back(t), int(of(u).idle.size()) == of(u).stop_at ? 3 : 0;
-    }
+    static int on_idle(void *u, int t) { return of(u).idle.push_back(t), of(u).idle.size() == of(u).stop_at ? 3 : 0; }
     static int on_line(void *u, void *, char *s, int) { return of(u).lines.emplace_back(s), 0; }
     static int on_rate(void *u, int direction, int n) { return of(u).bytes[direction] += n, 0; }
     void make(int timeout, int modem = -1, int baud = 9600, int flow = 0, int size = 256, const char *dev = "") {
@@ -73,11 +71,11 @@ struct Line : testing::Test {
     }
     void no_hangup_cmds() { free(std::exchange(b->attention_string, {})), free(std::exchange(b->hangup_string, {})); }
     void say(const std::string &s) { testutil::write_all(pty->master, s.data(), s.size()); }
+    void open_modem() { make(1000, 0, 9600, 0, 1); ASSERT_EQ(serialbuf_open(b), 0); }  // a byte a read
     std::string heard() { return testutil::read_for(pty->master, 100, 2000); }
     speed_t speed() { return tcgetattr(pty->slave, &t), cfgetospeed(&t); }
-    auto input() {  // what the link keeps of its input: position, bytes held, replies matched so far, next_bad
-        return std::tuple(b->ptr, b->occupied, b->busy_rec_string_ptr, b->offhook_rec_string_ptr, b->next_bad);
-    }
+    auto input() { return std::tuple(b->ptr, b->occupied, b->busy_rec_string_ptr, b->offhook_rec_string_ptr,
+                                     b->next_bad); }  // what the link keeps of its input
     void TearDown() override { serialbuf_destroy(b), elog_clear_register(0), carrier_down = false; }
 };
 const auto kForgotten = std::tuple(0, 0, 0, 0, -1);
@@ -100,8 +98,7 @@ TEST_F(Line, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
                   std::tuple(speeds[i].second, speeds[i].second, tcflag_t(CS8 | CREAD | (lines ? 0 : CLOCAL)), rtscts));
     }
     // Raw at every speed: the low halves of the input, output and local words; reads of 0.1 s.
-    EXPECT_EQ(std::vector<tcflag_t>({t.c_iflag & 0xffff, t.c_oflag & 0xffff, t.c_lflag & 0xffff}),
-              std::vector<tcflag_t>({IGNBRK, 0, NOFLSH}));
+    EXPECT_EQ(std::tuple(t.c_iflag & 0xffff, t.c_oflag & 0xffff, t.c_lflag & 0xffff), std::tuple(IGNBRK, 0, NOFLSH));
     EXPECT_EQ(std::pair(t.c_cc[VMIN], t.c_cc[VTIME]), std::pair(cc_t(0), cc_t(1)));
     b->state = 3, no_hangup_cmds(), serialbuf_disconnect(b);
     EXPECT_EQ(speed(), speed_t(B0));
@@ -123,8 +120,7 @@ TEST_F(Line, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
 TEST_F(Line, DumpsLogsLinesAndCountsBytes) {
     make(5000, -1, 115200, 0, 8);  // reads of 8 bytes at most
     ASSERT_EQ(serialbuf_connect(b, 0, nullptr), 0);
-    testing::internal::CaptureStdout();
-    b->rverbose = 1, say("AT\r\n\x01"), get(b, 5);  // escaped; unprintable bytes left out
+    testing::internal::CaptureStdout(), b->rverbose = 1, say("AT\r\n\x01"), get(b, 5);  // escaped, no unprintables
     b->rverbose = 2, say("AT\r\n\x01"), get(b, 5);  // raw
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "reading 5 bytes: AT\\r\\n\nAT\r\n");
     b->rverbose = 3;  // text lines go to the callback; the line buffer grows at 254 characters
@@ -143,10 +139,8 @@ TEST_F(Line, DumpsLogsLinesAndCountsBytes) {
 
 // Silence counts in whole seconds; a vanished line (master closed) ends the read at once.
 TEST_F(Line, SilenceAVanishedLineAndCarrierLossEndTheRead) {
-    struct Row { const char *behaviour; int timeout, modem, intr, stop_at, gone;
-                 Outcome outcome; std::vector<int> idle; };
-    const std::string late = "serialbuf_get_byte: timeout.\n";
-    const Row rows[] = {{"silence", 1001, 1, 2, 0, 0, {1, late}, {1, 1}},
+    struct Row { const char *what; int timeout, modem, intr, stop_at, gone; Outcome outcome; std::vector<int> idle; };
+    const Row rows[] = {{"silence", 1001, 1, 2, 0, 0, {1, "serialbuf_get_byte: timeout.\n"}, {1, 1}},
                         {"silence, carrier gone", 1000, 2, 2, 0, 0, {4, kCarrier}, {1}},
                         {"the idle callback stops", 0, 1, 1, 2, 0, {3, ""}, {0, 0}},
                         {"end of stream", 0, 1, 1, 0, 1, {2, kEof}, {0}},
@@ -154,7 +148,7 @@ TEST_F(Line, SilenceAVanishedLineAndCarrierLossEndTheRead) {
     carrier_down = true;
     unsigned char c;
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.behaviour);
+        SCOPED_TRACE(row.what);
         pty.emplace(), make(row.timeout);
         ASSERT_EQ(serialbuf_connect(b, 0, ""), 0);
         b->modem_control = row.modem, stop_at = row.stop_at;
@@ -192,29 +186,27 @@ TEST(TcpLink, ClientAndServerTalkEndAndFreeThePort) {
     EXPECT_EQ(serialbuf_open(x), 0);  // the port is free again
     serialbuf_close(x);
     const int dir = open("/", O_RDONLY);  // impossible states and kinds, unusable descriptors
-    const std::string opening = "serialbuf_connect: serialbuf_open() error.\n";
-    struct Row { int com_mode, state, fd; char call; Outcome outcome; };  // call: see the loop
+    const std::string opening = "serialbuf_connect: serialbuf_open() error.\n",
+                      closing = "serialbuf_connect: serialbuf_disconnect() error.\n";
+    struct Row { int com_mode, state, fd; char call; Outcome want; };  // call: see the loop
     const Row rows[] = {  // x, a server, has no host to connect to as a client
         {7, 1, -1, 'c', {-1, "serialbuf_open: Illegal com_mode value '7'.\n" + opening}},
         {2, 1, -1, 'c', {-1, "serialbuf_open: Can't locate server by name of '(null)'\n" + opening}},
         {2, 9, -1, 'c', {-1, "serialbuf_connect: Illegal state value '9'.\n"}},
-        {7, 3, -1, 'c', {-1, "serialbuf_disconnect: Illegal com_mode value '7'.\n"
-                             "serialbuf_connect: serialbuf_disconnect() error.\n"}},
+        {7, 3, -1, 'c', {-1, "serialbuf_disconnect: Illegal com_mode value '7'.\n" + closing}},
         {2, 9, -1, 'd', {-1, "serialbuf_disconnect: Illegal state value '9'.\n"}},
         {3, 2, -1, 'c', {-1, "serialbuf_connect: accept() error. (Bad file descriptor)\n"}},
         {2, 2, -1, 'r', {4, "serialbuf_get_byte: not connected.\n"}},
         {2, 3, 999, 'r', {-1, "serialbuf_get_byte: fdwait() error.\n"}},
         {2, 3, dir, 'r', {-1, "serialbuf_get_byte: serialbuf_read() error. (Is a directory)\n"}},
         {3, 1, -1, 'm', {-1, "serialbuf_set_modem_control: Cannot set local mode for non-serial buffer.\n"}}};
-    for (const Row &row : rows) {
-        x->com_mode = row.com_mode, x->state = row.state, x->fd = row.fd, x->fdserver = -1;
+    for (unsigned char byte; const Row &r : rows) {
+        x->com_mode = r.com_mode, x->state = r.state, x->fd = r.fd, x->fdserver = -1;
         errno = EDOM;  // a stray error text would show
-        unsigned char byte;
-        EXPECT_EQ(logged(row.call == 'c'   ? serialbuf_connect(x, 0, "")
-                         : row.call == 'd' ? serialbuf_disconnect(x)
-                         : row.call == 'r' ? serialbuf_get_byte(x, &byte, 0)
-                                           : serialbuf_set_modem_control(x, 1, 7, no, no, no, no,
-                                                 no, no, no, no, no, no, no)), row.outcome);
+        EXPECT_EQ(logged(r.call == 'c'   ? serialbuf_connect(x, 0, "")
+                         : r.call == 'd' ? serialbuf_disconnect(x)
+                         : r.call == 'r' ? serialbuf_get_byte(x, &byte, 0)
+                         : serialbuf_set_modem_control(x, 1, 7, no, no, no, no, no, no, no, no, no, no, no)), r.want);
     }
     EXPECT_EQ(x->modem_control, 1);  // the refused switch to a modem with lines changed nothing
     x->state = 1, x->fd = -1, close(dir);
@@ -224,8 +216,7 @@ TEST(TcpLink, ClientAndServerTalkEndAndFreeThePort) {
 // A modem driven by strings: commands, replies, the matchers, close; then dialling and answering, each step led by the
 // modem's attention and hang-up ("at"), twice when it was connected.
 TEST_F(Line, ModemDialogue) {
-    make(1000, 0, 9600, 0, 1);  // a byte a read: nothing read ahead is lost between steps
-    ASSERT_EQ(serialbuf_open(b), 0);  // open, not connected
+    open_modem();  // open, not connected; a byte a read: nothing read ahead is lost between steps
     EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT\r", "OK", 2)),
               Outcome(4, "serialbuf_get_byte: not connected.\n"));
     b->state = 3, say("OK");  // a pause inside a command
@@ -238,17 +229,14 @@ TEST_F(Line, ModemDialogue) {
     EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT<sl=5", "OK", 2)),
               Outcome(-1, kSent + "string format error.\n"));
     EXPECT_EQ(heard(), "ATZATE0\rAT\r");
-    b->wverbose = 1;  // a leading pause writes an empty piece first; no reply awaited
-    testing::internal::CaptureStdout();
+    b->wverbose = 1, testing::internal::CaptureStdout();  // a leading pause writes an empty piece; no reply awaited
     EXPECT_EQ(serialbuf_send_modem_string(b, "<sl=1000>AT\r", nullptr, 2), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "writing 0 bytes: \nwriting 3 bytes: AT\\r\n");
     say(std::string("CONNECTyO\0KzCONNECT!", 20));  // NULs (modems pad with them) never match
     EXPECT_EQ(serialbuf_read_until(b, "~OK~~CONNECT"), 0);  // in order; "K" left over from above
     EXPECT_EQ(get(b, 1), "!");
-    char value[9] = "junk\0XYZ";  // 5 bytes lent, then guard bytes; a parse's result and the 8 bytes after it:
-    auto parse = [&](const char *text, int n) {
-        return Outcome{serialbuf_read_until_parse(b, text, value, n), {value, 8}};  // braces: the call comes first
-    };
+    char value[9] = "junk\0XYZ";  // 5 bytes lent, then guards; a parse's result, then (braces order it) the 8 bytes
+    auto parse = [&](const char *s, int n) { return Outcome{serialbuf_read_until_parse(b, s, value, n), {value, 8}}; };
     EXPECT_EQ(parse(nullptr, 5), Outcome(0, {"\0unk\0XYZ", 8}));  // emptied first, even with nothing to await
     say("abcdefOKghOKxyEND-!");  // comes to an empty buffer: a parse never calls the idle callback
     EXPECT_EQ(parse("OK", 5), Outcome(0, {"cdef\0XYZ", 8}));  // the last 4 characters before the text
@@ -271,8 +259,7 @@ TEST_F(Line, ModemDialogue) {
     b->state = 3, say("xyz"), get(b, 1);  // closed with bytes held and replies part matched
     b->busy_rec_string_ptr = 2, b->offhook_rec_string_ptr = 3, b->next_bad = 7, serialbuf_close(b);
     EXPECT_EQ(std::tuple(b->state, b->fd, input()), std::tuple(1, -1, kForgotten));
-    heard(), make(1000, 0, 9600, 0, 1);  // a fresh link for the dialogue
-    ASSERT_EQ(serialbuf_open(b), 0);
+    heard(), open_modem(), stop_at = 2;  // a fresh link for the dialogue
     const std::string busy = "BUSY\r\n", at = "ATZ\rATH\r", ring = ok(5) + "RING\r\nCONNECT\r\n";
     struct Call { const char *behaviour; int timeout_connect; std::string says; int listen;
                   const char *number; Outcome outcome; std::string heard; };
@@ -292,7 +279,6 @@ TEST_F(Line, ModemDialogue) {
         {"busy while awaiting a ring", 0, ok(3) + busy, 1, no,
          {5, kBusy + "serialbuf_connect: serialbuf_read_until_intr(ring_rec_string) error.\n"}, at + "ATS0=1\r"},
         {"the idle callback ends the wait for a ring", 0, ok(3), 1, no, {3, ""}, at + "ATS0=1\r"}};
-    stop_at = 2;
     for (const Call &call : calls) {
         SCOPED_TRACE(call.behaviour);
         b->timeout_connect = call.timeout_connect, say(call.says);
