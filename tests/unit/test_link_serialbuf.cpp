@@ -26,35 +26,32 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     return static_cast<int>(syscall(SYS_ioctl, fd, request, arg));
 }
 
-namespace {
 const std::nullptr_t no = nullptr;
 const std::string kBusy = "serialbuf_process_rec_strings: busy signal detected.\n", kEof = "serialbuf_get_byte: eof.\n",
                   kSent = "serialbuf_send_modem_string: ", kCarrier = "serialbuf_get_byte: no carrier detected.\n";
-std::string gave_up(const std::string &cmd, const std::string &why, bool timeout = false) {  // connect gave up on cmd
+static std::string gave_up(const std::string &cmd, const std::string &why, bool timeout = false) {  // connect gave up
     return kSent + (timeout ? "timeout.\n" : "read_until() error.\n") +
            "serialbuf_connect: serialbuf_send_modem_string(" + cmd + ") " + why + ".\n";
 }
-std::string registered() {  // the calling thread's registered messages, without time stamp and program name; emptied
+static std::string registered() {  // this thread's registered messages without time stamp and program name; emptied
     testing::internal::CaptureStderr(), elog_clear_register(1);
     const std::regex stamp(R"(^.{23} \S+: )", std::regex::multiline);
     return std::regex_replace(testing::internal::GetCapturedStderr(), stamp, "");
 }
 using Outcome = std::pair<int, std::string>;  // a call's result and the messages it registered
-Outcome logged(int result) { return {result, registered()}; }
-std::string get(SerialBuf *b, size_t n, std::string out = "") {  // up to n bytes, while result 0
+static Outcome logged(int result) { return {result, registered()}; }
+static std::string get(SerialBuf *b, size_t n, std::string out = "") {  // up to n bytes, while result 0
     for (unsigned char c; out.size() < n && serialbuf_get_byte(b, &c, 0) == 0;) out += char(c);
     return out;
 }
-std::string ok(int n) { return n ? "OK\r\n" + ok(n - 1) : ""; }
-long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+static std::string ok(int n) { return n ? "OK\r\n" + ok(n - 1) : ""; }
+static long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-// A link b on the slave end of a pty whose master end plays the datalogger or the modem, and what the link's callbacks
-// saw (the idle callback says 3, stop, on its call number stop_at). make's modem: -1 none, 0 by strings, 1 with lines.
+// A link b on a pty's slave end, the master playing datalogger or modem (make's modem: -1 none, 0 strings, 1 lines).
 struct Line : testing::Test {
     std::optional<testutil::PtyPair> pty{std::in_place};
     SerialBuf *b = nullptr;
-    size_t stop_at = 0;
-    int bytes[3] = {};  // by direction: 1 written, 2 read
+    size_t stop_at = 0, bytes[3] = {};  // the idle callback says 3, stop, on its call stop_at; bytes: 1 written, 2 read
     std::vector<int> idle;
     std::vector<std::string> lines;
     termios t{};  // the slave's settings as last read
@@ -79,28 +76,26 @@ struct Line : testing::Test {
     void TearDown() override { serialbuf_destroy(b), elog_clear_register(0), carrier_down = false; }
 };
 const auto kForgotten = std::tuple(0, 0, 0, 0, -1);
-}  // namespace
 
 // Only the low halves of the mode words change, so RTS/CTS stays as it was whatever flow asks.
 TEST_F(Line, OpensRawAtTheEightSpeedsAndRefusesTheRest) {
     const long fds = open_fds();
     const std::pair<int, speed_t> speeds[] = {{1200, B1200},   {2400, B2400},   {4800, B4800},   {9600, B9600},
                                               {19200, B19200}, {38400, B38400}, {57600, B57600}, {115200, B115200}};
-    for (unsigned i = 0; i < 8; i++) {
-        const bool rtscts = i % 2, lines = i == 7;  // the last row: a modem with lines
+    for (unsigned i = 0; i < 8; i++) {  // each row: speeds out and in, the control word and RTS/CTS after opening
+        const bool rtscts = i % 2, lines = i == 7;  // the last row: a modem with lines, which must see carrier
         tcgetattr(pty->slave, &t), t.c_cflag = rtscts ? t.c_cflag | CRTSCTS : t.c_cflag & ~CRTSCTS;
         tcsetattr(pty->slave, TCSANOW, &t);  // RTS/CTS as the row says, before the link opens
         make(1000, lines ? 1 : -1, speeds[i].first, i / 2 % 2);
         ASSERT_EQ(serialbuf_open(b), 0);
         tcgetattr(pty->slave, &t);
-        // Speeds out and in, the control word (only a modem with lines must see carrier), RTS/CTS.
         EXPECT_EQ(std::tuple(cfgetospeed(&t), cfgetispeed(&t), t.c_cflag & 0xffff & ~CBAUD, (t.c_cflag & CRTSCTS) != 0),
                   std::tuple(speeds[i].second, speeds[i].second, tcflag_t(CS8 | CREAD | (lines ? 0 : CLOCAL)), rtscts));
     }
     // Raw at every speed: the low halves of the input, output and local words; reads of 0.1 s.
     EXPECT_EQ(std::tuple(t.c_iflag & 0xffff, t.c_oflag & 0xffff, t.c_lflag & 0xffff), std::tuple(IGNBRK, 0, NOFLSH));
     EXPECT_EQ(std::pair(t.c_cc[VMIN], t.c_cc[VTIME]), std::pair(cc_t(0), cc_t(1)));
-    b->state = 3, no_hangup_cmds(), serialbuf_disconnect(b);
+    b->state = 3, no_hangup_cmds(), serialbuf_disconnect(b);  // a modem with lines hangs up: speed 0
     EXPECT_EQ(speed(), speed_t(B0));
     EXPECT_EQ(serialbuf_hangup(-1), -1);
     const std::tuple<const char *, int, std::string> refused[] = {
@@ -123,15 +118,14 @@ TEST_F(Line, DumpsLogsLinesAndCountsBytes) {
     testing::internal::CaptureStdout(), b->rverbose = 1, say("AT\r\n\x01"), get(b, 5);  // escaped, no unprintables
     b->rverbose = 2, say("AT\r\n\x01"), get(b, 5);  // raw
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "reading 5 bytes: AT\\r\\n\nAT\r\n");
-    b->rverbose = 3;  // text lines go to the callback; the line buffer grows at 254 characters
-    say("OK\r\nHELLO\t\x02\n" + std::string(253, 'x')), get(b, 12 + 253);
-    EXPECT_EQ(b->line_size, 256);
+    b->rverbose = 3, say("OK\r\nHELLO\t\x02\n" + std::string(253, 'x')), get(b, 12 + 253);  // lines to the callback
+    EXPECT_EQ(b->line_size, 256);  // the line buffer grows at 254 characters
     say("y"), get(b, 1);
     EXPECT_EQ(b->line_size, 512);
     EXPECT_EQ(b->line, std::string(253, 'x') + "y");
     EXPECT_EQ(lines, (std::vector<std::string>{"OK", "HELLO\t"}));
     serialbuf_write(b, "\xc0\0", 2);
-    EXPECT_EQ(std::pair(bytes[1], bytes[2]), std::pair(2, 10 + 266));  // written, read
+    EXPECT_EQ(std::tuple(bytes[1], bytes[2]), std::tuple(2, 10 + 266));  // written, read
     serialbuf_disconnect(b);  // without a modem the line keeps its speed
     EXPECT_EQ(speed(), speed_t(B115200));
     EXPECT_EQ(serialbuf_hangup(b->fd), 0);  // a live line hangs up without error
@@ -226,8 +220,7 @@ TEST_F(Line, ModemDialogue) {
     b->timeout = 5, b->sleep = 20000, say("OK");  // the time-out bounds the whole wait
     EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT\r", "OK", 0)), Outcome(1, kSent + "timeout.\n"));
     b->timeout = 1000, b->sleep = 0;  // a pause without its end: refused before writing
-    EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT<sl=5", "OK", 2)),
-              Outcome(-1, kSent + "string format error.\n"));
+    EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT<sl=5", no, 2)), Outcome(-1, kSent + "string format error.\n"));
     EXPECT_EQ(heard(), "ATZATE0\rAT\r");
     b->wverbose = 1, testing::internal::CaptureStdout();  // a leading pause writes an empty piece; no reply awaited
     EXPECT_EQ(serialbuf_send_modem_string(b, "<sl=1000>AT\r", nullptr, 2), 0);
@@ -261,7 +254,7 @@ TEST_F(Line, ModemDialogue) {
     EXPECT_EQ(std::tuple(b->state, b->fd, input()), std::tuple(1, -1, kForgotten));
     heard(), open_modem(), stop_at = 2;  // a fresh link for the dialogue
     const std::string busy = "BUSY\r\n", at = "ATZ\rATH\r", ring = ok(5) + "RING\r\nCONNECT\r\n";
-    struct Call { const char *behaviour; int timeout_connect; std::string says; int listen;
+    struct Call { const char *what; int timeout_connect; std::string says; int listen;
                   const char *number; Outcome outcome; std::string heard; };
     const Call calls[] = {
         {"dials; no carrier loss before the call", 3000, ok(2) + "NO CARRIER\r\nOK\r\nCONNECT\r\n", 0, "5551234",
@@ -280,7 +273,7 @@ TEST_F(Line, ModemDialogue) {
          {5, kBusy + "serialbuf_connect: serialbuf_read_until_intr(ring_rec_string) error.\n"}, at + "ATS0=1\r"},
         {"the idle callback ends the wait for a ring", 0, ok(3), 1, no, {3, ""}, at + "ATS0=1\r"}};
     for (const Call &call : calls) {
-        SCOPED_TRACE(call.behaviour);
+        SCOPED_TRACE(call.what);
         b->timeout_connect = call.timeout_connect, say(call.says);
         EXPECT_EQ(logged(serialbuf_connect(b, call.listen, call.number)), call.outcome);
         EXPECT_EQ(heard(), call.heard);
