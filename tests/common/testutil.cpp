@@ -44,10 +44,7 @@ TempDir::TempDir() {
     require(mkdtemp(tmpl) != nullptr, "mkdtemp");
     path = tmpl;
 }
-TempDir::~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
-}
+TempDir::~TempDir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
 void TempDir::write(const std::string &name, const std::string &content) const {
     std::ofstream(file(name), std::ios::binary) << content;
 }
@@ -60,8 +57,8 @@ PtyPair::PtyPair() {
     if (tcgetattr(slave, &t) == 0) cfmakeraw(&t), tcsetattr(slave, TCSANOW, &t);
 }
 PtyPair::~PtyPair() {
-    if (master >= 0) close(master);
-    if (slave >= 0) close(slave);
+    for (int fd : {master, slave})
+        if (fd >= 0) close(fd);
 }
 
 void write_all(int fd, const void *data, size_t n) {
@@ -160,11 +157,7 @@ std::vector<std::string> log_lines(const std::string &log) {
 }
 
 static sockaddr_in address(std::uint32_t host, int port) {
-    struct sockaddr_in a {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(host);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    return a;
+    return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(host)}, {}};
 }
 
 // A socket of type bound to host:port (0: an ephemeral one, stored); -1 when taken.
@@ -191,8 +184,7 @@ int fixed_tcp_port(int lo, int hi) { return fixed_port(SOCK_STREAM, lo, hi); }
 
 void udp_send_to(int fd, int port, const std::string &payload) {
     struct sockaddr_in a = address(INADDR_LOOPBACK, port);
-    ssize_t n = sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr *>(&a),
-                       sizeof a);
+    ssize_t n = sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof a);
     require(n == static_cast<ssize_t>(payload.size()), "sendto");
 }
 
