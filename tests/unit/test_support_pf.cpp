@@ -64,7 +64,7 @@ TEST(Pf, FileSyntaxErrorsAndLookup) {
     std::string deep, closes;  // one block too many; 64 are fine
     for (int i = 0; i < 65; ++i) deep += "a {\n", closes += "}\n";
     const struct Case { std::string text; int line; const char *why; } cases[] = {
-        {"a 1\n}\n", 2, "'}' without an open block"}, {"a {\n  b 1\n} x\n", 3, "text after '}'"},
+        {"}", 1, "'}' without an open block"}, {"a {\n  b 1\n} x\n", 3, "text after '}'"},
         {"a {\n  b {\n  }\n  c {\n", 4, "block 'c' is never closed"}, {"# x\n{\n}\n", 2, "'{' without a block name"},
         {"a { b 1\n}\n", 1, "'{' not at the end of the line"}, {"\"note\" a\n", 1, "a name cannot be quoted"},
         {"n \"abc\\\"\n", 1, "unterminated quote"}, {"n \"a\\", 1, "unterminated quote"},
