@@ -129,11 +129,7 @@ TEST_F(KernelPeer, EchoThroughRelay) {
     } clients[] = {{40001, 5330, -1}, {40002, 6330, -1}, {40003, 15330, -1}, {40004, 5330, -1}};
     for (auto &c : clients) ASSERT_GE(c.fd = udp_socket(&c.port, kClient), 0) << strerror(errno);
     std::mt19937 rng(1055);
-    auto random = [&](std::size_t n) {
-        std::string s(n, '\0');
-        for (char &ch : s) ch = static_cast<char>(rng());
-        return s;
-    };
+    auto random = [&](std::size_t n) { std::string s(n, '\0'); for (char &c : s) c = char(rng()); return s; };
     // A burst from every client at once fills the queues, and each reply still
     // reaches its own client through its own host port. Among random sizes,
     // what a line is likeliest to get wrong: one byte, sizes around the 28

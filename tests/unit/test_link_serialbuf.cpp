@@ -217,11 +217,15 @@ TEST_F(Line, ModemDialogue) {
     const long long t0 = testutil::now_ms();
     EXPECT_EQ(serialbuf_send_modem_string(b, "ATZ<sl=1000500>ATE0\r", "OK", 2), 0);
     EXPECT_GE(testutil::now_ms() - t0, 1000);
-    b->timeout = 5, b->sleep = 20000, say("OK");  // the time-out bounds the whole wait
-    EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT\r", "OK", 0)), Outcome(1, kSent + "timeout.\n"));
+    b->timeout = 5, b->sleep = 20000, say("OK");  // the time-out bounds the whole wait, and each retry is said
+    testing::internal::CaptureStderr();
+    const int rc = serialbuf_send_modem_string(b, "AT\r", "OK", 1);
+    EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStderr(), std::regex(".* warning: "), ""),
+              kSent + "timeout...retrying\n");
+    EXPECT_EQ(logged(rc), Outcome(1, kSent + "timeout.\n"));
     b->timeout = 1000, b->sleep = 0;  // a pause without its end: refused before writing
     EXPECT_EQ(logged(serialbuf_send_modem_string(b, "AT<sl=5", no, 2)), Outcome(-1, kSent + "string format error.\n"));
-    EXPECT_EQ(heard(), "ATZATE0\rAT\r");
+    EXPECT_EQ(heard(), "ATZATE0\rAT\rAT\r");
     b->wverbose = 1, testing::internal::CaptureStdout();  // a leading pause writes an empty piece; no reply awaited
     EXPECT_EQ(serialbuf_send_modem_string(b, "<sl=1000>AT\r", nullptr, 2), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "writing 0 bytes: \nwriting 3 bytes: AT\\r\n");
