@@ -156,7 +156,6 @@ TEST(Relay, CommandLineAndParameterBlock) {
          summary({{"template", "other"}, {"q330_ip_address", "10.9.8.7"}}, two_rows) + kNoTtyEnd},
         unknown({"other", "-v"}, "command argument 'other'"),
         unknown({"-vvvv"}, "option '-vvvv'"),
-        unknown({"-V"}, "option '-V'"),
         unknown({"-v", "-"}, "option '-'"),
         {{"-v", "nosuch"}, two,
          {kBanner, "parse_param: 'nosuch' is missing", "parse_pf: parse_param(nosuch) error.",

@@ -273,6 +273,7 @@ TEST_F(NetUdp, DropsEmptyAndOversizeDatagramsAndReadsOn) {
     long long t = now_ms();
     EXPECT_EQ(logged([&] {
         EXPECT_EQ(udp_print_verbose(udp, 0, "trailing \t\n") + myusleep(0.9999999999), 0);
+        EXPECT_EQ((udp->verbose = 0, udp_print_verbose(udp, 0, "unsaid at level 0")), 0);
         EXPECT_EQ((udp->verbose = 2, udp_print_verbose(udp, 1, 1, "\x7f", "p: ", "%d", 7)), 0);
     }), "debug: UDP_DEBUG: trailing\ndebug: UDP_DEBUG: p: 7\ndebug: UDP_DEBUG: p:  7F\n");
     udp->verbose = 1;
