@@ -129,7 +129,7 @@ TEST(Relay, CommandLineAndParameterBlock) {
     const Edits two = {{"port_translations", "{\n" + low + " 5330\n" + high + " 5330\n}"}};
     const Lines two_rows = {high + " -> 5330", low + " -> 5330"};
     // "address:port" toward the datalogger must fit 127 characters.
-    const S fits = S(114, '0') + "12.9.8.7", too_long = "00" + fits;
+    const S fits = S(114, '0') + "12.9.8.7", too_long = "0" + fits;
     auto with = [&](Edits e) { return e.insert(two.begin(), two.end()), e; };
     auto refused = [&](Edits e, const S &why) {
         return std::tuple(Lines{}, with(e), Lines{kBanner, "parse_pf: " + why, kFatal});
